@@ -1,0 +1,110 @@
+// The device side of the stand-in's USB bus.
+//
+// The bus turns URBs into what crosses a real cable: control transfers on
+// endpoint 0 (set-up packet and data stage) and data packets of at most the
+// endpoint's maximum packet size on the other endpoints. A device model (the
+// simulated NCM function, or a real device reached through libusb) implements
+// UsbDevice; the bus gives it a UsbDevicePort to call back.
+//
+// Standard requests that a URB implies reach the device as control transfers
+// too: SELECT_CONFIGURATION becomes SET_CONFIGURATION, SELECT_INTERFACE
+// becomes SET_INTERFACE, SYNC_RESET_PIPE_AND_CLEAR_STALL becomes
+// CLEAR_FEATURE(ENDPOINT_HALT). Descriptors are read with GET_DESCRIPTOR.
+//
+// Threading: the bus calls a device at DISPATCH_LEVEL from its own DPC (or
+// inline from IofCallDriver when inline completion is switched on), one call
+// at a time per bus (the bus serialises). A device may call its port from any
+// thread at <= DISPATCH_LEVEL, but never from inside one of the bus's calls
+// into it except where stated.
+#pragma once
+
+#include <ntddk.h>
+
+#include <cstdint>
+
+namespace kplat {
+
+enum class UsbSpeed { Full, High, Super };
+
+// Maximum packet size of bulk endpoints at each speed.
+constexpr uint32_t BulkMaxPacket(UsbSpeed s) { return s == UsbSpeed::Full ? 64 : s == UsbSpeed::High ? 512 : 1024; }
+
+// The set-up packet of a control transfer, in host order.
+struct UsbSetupPacket {
+    uint8_t bmRequestType;  // bit 7: 1 = device to host
+    uint8_t bRequest;
+    uint16_t wValue;
+    uint16_t wIndex;
+    uint16_t wLength;
+};
+
+// A device's answer to one packet.
+enum class UsbHandshake {
+    Ack,    // packet accepted (OUT) or data returned (IN)
+    Nak,    // not now: the bus retries after the device calls EndpointReady
+    Stall,  // endpoint halted: the transfer fails with USBD_STATUS_STALL_PID
+            // and the endpoint stays halted until CLEAR_FEATURE(ENDPOINT_HALT)
+};
+
+class UsbDevicePort;
+
+// A pending control transfer handed to the device. The device answers it
+// exactly once, with UsbDevicePort::CompleteControl, either inside
+// ControlTransfer or later (a device that "never answers" just keeps it).
+struct UsbControlTransfer {
+    UsbSetupPacket setup;
+    uint8_t* data;        // wLength bytes: filled by the device for IN, read for OUT
+    uint32_t actual;      // set by the device: bytes of the data stage moved
+    void* busContext;     // the bus's own; the device leaves it alone
+};
+
+class UsbDevice {
+public:
+    virtual ~UsbDevice() = default;
+
+    // Plugged into a bus port. The port stays valid until Detached.
+    virtual void Attached(UsbDevicePort* port) = 0;
+    virtual void Detached() = 0;
+    virtual UsbSpeed Speed() const = 0;
+
+    // A control transfer on endpoint 0. Answer with CompleteControl
+    // (ack or stall), now or later.
+    virtual void ControlTransfer(UsbControlTransfer* transfer) = 0;
+
+    // One OUT data packet for endpoint `ep` (address without bit 7); `length`
+    // is at most the endpoint's maximum packet size, 0 for a zero-length
+    // packet. The device sees the end of its transfer at a short packet.
+    virtual UsbHandshake OutPacket(uint8_t ep, const uint8_t* data, uint32_t length) = 0;
+
+    // The host asks endpoint `ep | 0x80` for one packet. On Ack the device has
+    // written *length bytes (at most maxLength, the endpoint's maximum packet
+    // size; fewer ends the transfer, 0 is a zero-length packet).
+    virtual UsbHandshake InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length) = 0;
+
+    // The host aborted the transfers of an endpoint (ABORT_PIPE or a
+    // cancelled IRP). A device that buffers per-transfer state may drop it.
+    virtual void EndpointAborted(uint8_t endpointAddress) { (void)endpointAddress; }
+};
+
+class UsbDevicePort {
+public:
+    virtual ~UsbDevicePort() = default;
+
+    // Answers a control transfer given to UsbDevice::ControlTransfer. With
+    // stall, the request fails with USBD_STATUS_STALL_PID. May be called from
+    // inside ControlTransfer.
+    virtual void CompleteControl(UsbControlTransfer* transfer, bool stall) = 0;
+
+    // The endpoint (address with bit 7 for IN) that answered Nak can make
+    // progress now: IN data is available, or OUT buffer space is free.
+    virtual void EndpointReady(uint8_t endpointAddress) = 0;
+
+    // The device was unplugged: everything pending completes with
+    // USBD_STATUS_DEVICE_GONE and later requests fail.
+    virtual void Disconnect() = 0;
+
+    // The stand-in's clock, so that device-side delays use the same time.
+    virtual uint64_t Now() const = 0;
+};
+
+}  // namespace kplat

@@ -1,0 +1,23 @@
+// Shared between the stand-in's own source files; not for the driver or tests.
+#pragma once
+
+#include <ntddk.h>
+
+#include <cstdint>
+
+namespace kplat_internal {
+
+// Live platform objects, for kplat::GetObjectCounts.
+enum class ObjectKind { Irp, Mdl, WorkItem, DeviceObject, KeyHandle, Count };
+void CountObject(ObjectKind kind, int delta);
+uint64_t LiveObjects(ObjectKind kind);
+
+// Reports a check failure through the installed handler (the default prints
+// and aborts). Returns when the handler returns; the caller then refuses the
+// illegal operation.
+void CheckFailed(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4, const char* text);
+
+// The calling thread's IRQL, without the checks of the public operations.
+KIRQL CurrentIrql();
+
+}  // namespace kplat_internal

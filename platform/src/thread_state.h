@@ -1,0 +1,46 @@
+// Per-thread state of the stand-in.
+#pragma once
+
+#include <ntddk.h>
+
+#include <condition_variable>
+
+// Not a published code: a spin lock acquired twice by its holder.
+#define SPIN_LOCK_ALREADY_OWNED_CODE 0x0000000F
+
+namespace kplat_internal {
+
+// How a thread takes part in idle detection.
+enum class ThreadKind {
+    External,    // not known to the stand-in: never counted as busy
+    Controller,  // started the stand-in; busy unless blocked or in RunUntilIdle/AdvanceTime
+    StandIn,     // DPC, worker and timer threads; busy while running an item
+    Driver,      // registered with EnterDriverThread; busy unless blocked
+};
+
+// A thread's wait on one dispatcher object. Lives in the thread's state;
+// linked into the object's WaitListHead (and the timed-wait list) while the
+// thread waits. Guarded by the dispatcher lock.
+struct WaitBlock {
+    LIST_ENTRY objectLink;  // in DISPATCHER_HEADER::WaitListHead
+    LIST_ENTRY timedLink;   // in the scheduler's timed-wait list, if timed
+    void* object = nullptr;
+    bool timed = false;
+    bool counted = false;     // the thread counts as busy when not blocked
+    bool satisfied = false;   // set by the waker, read by the waiter
+    NTSTATUS status = STATUS_SUCCESS;
+    uint64_t deadline = 0;    // clock units (100 ns), when timed
+    uint64_t sequence = 0;    // orders equal deadlines
+    std::condition_variable cv;
+};
+
+struct ThreadState {
+    KIRQL irql = PASSIVE_LEVEL;
+    ULONG_PTR id = 0;
+    ThreadKind kind = ThreadKind::External;
+    WaitBlock wait;
+};
+
+ThreadState& Self();
+
+}  // namespace kplat_internal

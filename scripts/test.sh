@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Installs what a fresh machine lacks, configures, builds and runs the tests.
+#   scripts/test.sh [preset]      preset: default (g++), asan, tsan, fuzz
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset="${1:-default}"
+
+scripts/install-deps.sh
+
+jobs="$(nproc 2>/dev/null || echo 2)"
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset" -j "$jobs"
+ctest --preset "$preset" -j "$jobs"
