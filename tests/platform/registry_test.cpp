@@ -1,0 +1,431 @@
+// The registry of the stand-in: keys and handles, access rights, value
+// queries, and the text format.
+#include <gtest/gtest.h>
+#include <kplat/platform.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char kService[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
+const char16_t kServiceW[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
+
+class Registry : public ::testing::Test {
+protected:
+    void SetUp() override {
+        kplat::RegistryClear();
+        mHandlesBefore = kplat::GetObjectCounts().keyHandles;
+        std::string error;
+        ASSERT_EQ(STATUS_SUCCESS, kplat::RegistryLoadText(std::string("[") + kService + "]\n"
+                                                                  "\"TraceMask\"=dword:00000003\n"
+                                                                  "\"Name\"=\"ethbrg\"\n",
+                                                          &error))
+            << error;
+    }
+    void TearDown() override {
+        EXPECT_EQ(mHandlesBefore, kplat::GetObjectCounts().keyHandles);
+        kplat::RegistryClear();
+    }
+
+    static NTSTATUS Open(const char16_t* path, ACCESS_MASK access, HANDLE* handle) {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, path);
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        return ZwOpenKey(handle, access, &oa);
+    }
+    static NTSTATUS SetDword(HANDLE key, const char16_t* name, ULONG value) {
+        UNICODE_STRING n;
+        RtlInitUnicodeString(&n, name);
+        return ZwSetValueKey(key, &n, 0, REG_DWORD, &value, sizeof value);
+    }
+
+    uint64_t mHandlesBefore = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Keys, handles and access
+// ---------------------------------------------------------------------------
+TEST_F(Registry, OpenFindsKeysWithoutRegardToCase) {
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(u"\\REGISTRY\\machine\\SYSTEM\\currentcontrolset\\services\\ETHBRG", KEY_READ, &key));
+    EXPECT_NE(nullptr, key);
+    EXPECT_EQ(mHandlesBefore + 1, kplat::GetObjectCounts().keyHandles);
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(key));
+}
+
+TEST_F(Registry, OpenOfMissingKeyFails) {
+    HANDLE key = (HANDLE)1;
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Open(u"\\Registry\\Machine\\System\\Missing", KEY_READ, &key));
+    EXPECT_EQ(nullptr, key);
+    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, Open(u"Registry\\Machine", KEY_READ, &key));
+    EXPECT_EQ(mHandlesBefore, kplat::GetObjectCounts().keyHandles);
+}
+
+TEST_F(Registry, CloseOfABadOrClosedHandleFails) {
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_READ, &key));
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(key));
+    EXPECT_EQ(STATUS_INVALID_HANDLE, ZwClose(key));
+    EXPECT_EQ(STATUS_INVALID_HANDLE, ZwClose((HANDLE)0x1234));
+    EXPECT_EQ(STATUS_INVALID_HANDLE, SetDword(key, u"X", 1));
+}
+
+TEST_F(Registry, CreateMakesTheKeysOnTheWayAndTellsWhetherItWasNew) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Registry\\Machine\\Software\\Vendor\\Product");
+    OBJECT_ATTRIBUTES oa;
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE key;
+    ULONG disposition = 0;
+    ASSERT_EQ(STATUS_SUCCESS, ZwCreateKey(&key, KEY_ALL_ACCESS, &oa, 0, nullptr, REG_OPTION_NON_VOLATILE, &disposition));
+    EXPECT_EQ((ULONG)REG_CREATED_NEW_KEY, disposition);
+    EXPECT_EQ(STATUS_SUCCESS, SetDword(key, u"Answer", 42));
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(key));
+
+    ASSERT_EQ(STATUS_SUCCESS, ZwCreateKey(&key, KEY_READ, &oa, 0, nullptr, REG_OPTION_NON_VOLATILE, &disposition));
+    EXPECT_EQ((ULONG)REG_OPENED_EXISTING_KEY, disposition);
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(key));
+
+    uint32_t value = 0;
+    EXPECT_TRUE(kplat::RegistryGetDword("\\Registry\\Machine\\Software\\Vendor\\Product", "answer", &value));
+    EXPECT_EQ(42u, value);
+    HANDLE vendor;
+    EXPECT_EQ(STATUS_SUCCESS, Open(u"\\Registry\\Machine\\Software\\Vendor", KEY_READ, &vendor));
+    ZwClose(vendor);
+}
+
+TEST_F(Registry, KeyOpenedForReadingRefusesWrites) {
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_READ, &key));
+    EXPECT_EQ(STATUS_ACCESS_DENIED, SetDword(key, u"TraceMask", 0xFF));
+    EXPECT_EQ(STATUS_ACCESS_DENIED, SetDword(key, u"NewValue", 1));
+    ZwClose(key);
+    uint32_t mask = 0;
+    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &mask));
+    EXPECT_EQ(3u, mask);
+    EXPECT_FALSE(kplat::RegistryGetDword(kService, "NewValue", &mask));
+
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_WRITE, &key));
+    EXPECT_EQ(STATUS_SUCCESS, SetDword(key, u"TraceMask", 0xFF));
+    ZwClose(key);
+    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &mask));
+    EXPECT_EQ(0xFFu, mask);
+}
+
+TEST_F(Registry, KeyOpenedRelativeToAnother) {
+    HANDLE parent, child;
+    ASSERT_EQ(STATUS_SUCCESS, Open(u"\\Registry\\Machine\\System", KEY_READ, &parent));
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"CurrentControlSet\\Services\\ethbrg");
+    OBJECT_ATTRIBUTES oa;
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, parent, nullptr);
+    ASSERT_EQ(STATUS_SUCCESS, ZwOpenKey(&child, KEY_ALL_ACCESS, &oa));
+    EXPECT_EQ(STATUS_SUCCESS, SetDword(child, u"Relative", 7));
+    ZwClose(child);
+    ZwClose(parent);
+    uint32_t v;
+    EXPECT_TRUE(kplat::RegistryGetDword(kService, "Relative", &v));
+}
+
+TEST_F(Registry, OperationsAbovePassiveLevelAreCheckFailures) {
+    kplat::CheckRecorder recorder;
+    HANDLE key = (HANDLE)1;
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    NTSTATUS status = Open(kServiceW, KEY_READ, &key);
+    KeLowerIrql(old);
+    EXPECT_FALSE(NT_SUCCESS(status));
+    EXPECT_EQ(nullptr, key);
+    std::vector<kplat::CheckFailure> failures = recorder.Take();
+    ASSERT_EQ(1u, failures.size());
+    EXPECT_EQ((ULONG)IRQL_NOT_LESS_OR_EQUAL, failures[0].code);
+    EXPECT_EQ(mHandlesBefore, kplat::GetObjectCounts().keyHandles);
+}
+
+// ---------------------------------------------------------------------------
+// RtlQueryRegistryValues
+// ---------------------------------------------------------------------------
+struct Delivered {
+    std::u16string name;
+    ULONG type;
+    std::vector<uint8_t> data;
+    PVOID context;
+    PVOID entryContext;
+};
+std::vector<Delivered> gDelivered;
+NTSTATUS gQueryResult = STATUS_SUCCESS;
+
+NTSTATUS Record(PWSTR name, ULONG type, PVOID data, ULONG length, PVOID context, PVOID entryContext) {
+    gDelivered.push_back({name, type, std::vector<uint8_t>((uint8_t*)data, (uint8_t*)data + length), context,
+                          entryContext});
+    return gQueryResult;
+}
+
+class Query : public Registry {
+protected:
+    void SetUp() override {
+        Registry::SetUp();
+        gDelivered.clear();
+        gQueryResult = STATUS_SUCCESS;
+        memset(mTable, 0, sizeof mTable);
+    }
+    RTL_QUERY_REGISTRY_TABLE mTable[4];
+};
+
+TEST_F(Query, RoutineGetsValueWithContexts) {
+    int context, entryContext;
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Flags = RTL_QUERY_REGISTRY_REQUIRED;
+    mTable[0].Name = (PWSTR)u"tracemask";
+    mTable[0].EntryContext = &entryContext;
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, &context, nullptr));
+    ASSERT_EQ(1u, gDelivered.size());
+    EXPECT_EQ(u"tracemask", gDelivered[0].name);
+    EXPECT_EQ((ULONG)REG_DWORD, gDelivered[0].type);
+    EXPECT_EQ((std::vector<uint8_t>{3, 0, 0, 0}), gDelivered[0].data);
+    EXPECT_EQ(&context, gDelivered[0].context);
+    EXPECT_EQ(&entryContext, gDelivered[0].entryContext);
+}
+
+TEST_F(Query, RequiredValueThatIsMissingFails) {
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Flags = RTL_QUERY_REGISTRY_REQUIRED;
+    mTable[0].Name = (PWSTR)u"Missing";
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
+              RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
+    EXPECT_TRUE(gDelivered.empty());
+
+    // Not required and no default: skipped, success.
+    mTable[0].Flags = 0;
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
+    EXPECT_TRUE(gDelivered.empty());
+
+    // Not required, with a default: the default is delivered.
+    ULONG def = 9;
+    mTable[0].DefaultType = REG_DWORD;
+    mTable[0].DefaultData = &def;
+    mTable[0].DefaultLength = sizeof def;
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
+    ASSERT_EQ(1u, gDelivered.size());
+    EXPECT_EQ((std::vector<uint8_t>{9, 0, 0, 0}), gDelivered[0].data);
+}
+
+TEST_F(Query, MissingKeyFails) {
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Name = (PWSTR)u"TraceMask";
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
+              RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"other", mTable, nullptr, nullptr));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RtlQueryRegistryValues(7, u"x", mTable, nullptr, nullptr));
+}
+
+TEST_F(Query, ValueOfAnotherTypeIsDeliveredAsItIs) {
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Flags = RTL_QUERY_REGISTRY_REQUIRED;
+    mTable[0].Name = (PWSTR)u"Name";  // a string where a routine may expect a DWORD
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
+    ASSERT_EQ(1u, gDelivered.size());
+    EXPECT_EQ((ULONG)REG_SZ, gDelivered[0].type);
+    ASSERT_EQ(14u, gDelivered[0].data.size());  // "ethbrg" and its terminating zero
+    EXPECT_EQ(0, memcmp(u"ethbrg", gDelivered[0].data.data(), 14));
+}
+
+TEST_F(Query, StringStoredWithoutTerminatorIsDeliveredWithOne) {
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_ALL_ACCESS, &key));
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"Bare");
+    ASSERT_EQ(STATUS_SUCCESS, ZwSetValueKey(key, &name, 0, REG_SZ, (PVOID)u"abc", 6));
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Name = (PWSTR)u"Bare";
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)key, mTable, nullptr, nullptr));
+    ZwClose(key);
+    ASSERT_EQ(1u, gDelivered.size());
+    ASSERT_EQ(8u, gDelivered[0].data.size());
+    EXPECT_EQ(0, memcmp(u"abc", gDelivered[0].data.data(), 8));
+}
+
+TEST_F(Query, DirectStoresADword) {
+    ULONG mask = 0;
+    mTable[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
+    mTable[0].Name = (PWSTR)u"TraceMask";
+    mTable[0].EntryContext = &mask;
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
+    EXPECT_EQ(3u, mask);
+
+    mTable[0].Name = (PWSTR)u"Name";
+    EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
+              RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
+    EXPECT_EQ(3u, mask);
+}
+
+TEST_F(Query, HandleQueryNeedsAValidHandleWithQueryAccess) {
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Name = (PWSTR)u"TraceMask";
+    EXPECT_EQ(STATUS_INVALID_HANDLE,
+              RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)(uintptr_t)0x44, mTable, nullptr, nullptr));
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_SET_VALUE, &key));
+    EXPECT_EQ(STATUS_ACCESS_DENIED, RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)key, mTable, nullptr, nullptr));
+    ZwClose(key);
+    EXPECT_TRUE(gDelivered.empty());
+}
+
+TEST_F(Query, RoutineFailureStopsTheQuery) {
+    gQueryResult = STATUS_INSUFFICIENT_RESOURCES;
+    mTable[0].QueryRoutine = Record;
+    mTable[0].Name = (PWSTR)u"TraceMask";
+    mTable[1].QueryRoutine = Record;
+    mTable[1].Name = (PWSTR)u"Name";
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
+              RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
+    EXPECT_EQ(1u, gDelivered.size());
+
+    gQueryResult = STATUS_SUCCESS;
+    gDelivered.clear();
+    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
+    EXPECT_EQ(2u, gDelivered.size());
+}
+
+// The routine rewrites the value it is reading: it must get a copy, and the
+// registry must not be locked against it.
+HANDLE gWriteKey;
+NTSTATUS RewriteWhileQueried(PWSTR name, ULONG type, PVOID data, ULONG length, PVOID, PVOID) {
+    EXPECT_EQ((ULONG)REG_DWORD, type);
+    EXPECT_EQ(4u, length);
+    UNICODE_STRING n;
+    RtlInitUnicodeString(&n, name);
+    ULONG value = 0x77;
+    EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(gWriteKey, &n, 0, REG_DWORD, &value, sizeof value));
+    EXPECT_EQ(3u, *(ULONG*)data);  // still the value as it was read
+    return STATUS_SUCCESS;
+}
+
+TEST_F(Query, RoutineMayWriteTheRegistry) {
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_ALL_ACCESS, &gWriteKey));
+    mTable[0].QueryRoutine = RewriteWhileQueried;
+    mTable[0].Name = (PWSTR)u"TraceMask";
+    EXPECT_EQ(STATUS_SUCCESS,
+              RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)gWriteKey, mTable, nullptr, nullptr));
+    ZwClose(gWriteKey);
+    uint32_t v = 0;
+    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &v));
+    EXPECT_EQ(0x77u, v);
+}
+
+// ---------------------------------------------------------------------------
+// Text format and direct access
+// ---------------------------------------------------------------------------
+TEST_F(Registry, TextFormatLoadsEveryKindOfValue) {
+    std::string error;
+    ASSERT_EQ(STATUS_SUCCESS,
+              kplat::RegistryLoadText("; adapter parameters\r\n"
+                                      "\n"
+                                      "[\\Registry\\Machine\\Adapter\\0001]\n"
+                                      "  \"RxBuffers\" = dword:0000000a\n"
+                                      "\"VendorDescription\"=\"say \\\"hi\\\" C:\\\\dir\"\n"
+                                      "\"Blob\"=hex:01,02, ff\n"
+                                      "\"Empty\"=hex:\n"
+                                      "@=\"default\"\n"
+                                      "[\\Registry\\Machine\\Adapter\\0002]\n",
+                                      &error))
+        << error;
+    uint32_t v;
+    EXPECT_TRUE(kplat::RegistryGetDword("\\Registry\\Machine\\Adapter\\0001", "RxBuffers", &v));
+    EXPECT_EQ(10u, v);
+    ULONG type;
+    std::vector<uint8_t> data;
+    ASSERT_TRUE(kplat::RegistryGetValue("\\Registry\\Machine\\Adapter\\0001", "VendorDescription", &type, &data));
+    EXPECT_EQ((ULONG)REG_SZ, type);
+    std::u16string expected = u"say \"hi\" C:\\dir";
+    ASSERT_EQ((expected.size() + 1) * 2, data.size());
+    EXPECT_EQ(0, memcmp(expected.c_str(), data.data(), data.size()));
+    ASSERT_TRUE(kplat::RegistryGetValue("\\Registry\\Machine\\Adapter\\0001", "Blob", &type, &data));
+    EXPECT_EQ((ULONG)REG_BINARY, type);
+    EXPECT_EQ((std::vector<uint8_t>{1, 2, 0xFF}), data);
+    ASSERT_TRUE(kplat::RegistryGetValue("\\Registry\\Machine\\Adapter\\0001", "Empty", &type, &data));
+    EXPECT_TRUE(data.empty());
+    EXPECT_TRUE(kplat::RegistryGetValue("\\Registry\\Machine\\Adapter\\0001", "", &type, &data));
+    HANDLE key;
+    EXPECT_EQ(STATUS_SUCCESS, Open(u"\\Registry\\Machine\\Adapter\\0002", KEY_READ, &key));
+    ZwClose(key);
+}
+
+TEST_F(Registry, TextErrorsNameTheLineAndChangeNothing) {
+    struct Case {
+        const char* text;
+        const char* line;
+    };
+    const Case cases[] = {
+        {"[\\Registry\\A]\n\"X\"=dword:1\n\"Y\"=dword:123456789\n", "line 3:"},
+        {"[\\Registry\\A]\n\"X\"=dword:zz\n", "line 2:"},
+        {"\"X\"=dword:1\n", "line 1:"},
+        {"[\\Registry\\A]\n\n\"X\"=\"bad \\n escape\"\n", "line 3:"},
+        {"[\\Registry\\A]\n\"X\"=\"unterminated\n", "line 2:"},
+        {"[\\Registry\\A]\n\"X\"=hex:1,02\n", "line 2:"},
+        {"[\\Registry\\A]\n\"X\"=qword:1\n", "line 2:"},
+        {"[\\Registry\\A]\nX=dword:1\n", "line 2:"},
+        {"[\\Registry\\A]\n\"X\" dword:1\n", "line 2:"},
+        {"[Registry\\A]\n", "line 1:"},
+        {"[\\Registry\\A\n", "line 1:"},
+        {"[\\Registry\\A]\n\"X\"=\"s\" trailing\n", "line 2:"},
+    };
+    for (const Case& c : cases) {
+        kplat::RegistryClear();
+        std::string error;
+        EXPECT_EQ(STATUS_INVALID_PARAMETER, kplat::RegistryLoadText(c.text, &error)) << c.text;
+        EXPECT_EQ(0u, error.find(c.line)) << c.text << " -> " << error;
+        HANDLE key;
+        EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Open(u"\\Registry\\A", KEY_READ, &key)) << c.text;
+    }
+}
+
+TEST_F(Registry, LoadFileReadsTheTextFormat) {
+    std::string path = ::testing::TempDir() + "registry_test.reg";
+    {
+        std::ofstream f(path);
+        f << "[\\Registry\\Machine\\FromFile]\n\"V\"=dword:00000010\n\"W\"=bad\n";
+    }
+    std::string error;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, kplat::RegistryLoadFile(path.c_str(), &error));
+    EXPECT_NE(std::string::npos, error.find("line 3:")) << error;
+    {
+        std::ofstream f(path);
+        f << "[\\Registry\\Machine\\FromFile]\n\"V\"=dword:00000010\n";
+    }
+    EXPECT_EQ(STATUS_SUCCESS, kplat::RegistryLoadFile(path.c_str(), &error)) << error;
+    uint32_t v;
+    EXPECT_TRUE(kplat::RegistryGetDword("\\Registry\\Machine\\FromFile", "V", &v));
+    EXPECT_EQ(16u, v);
+    std::remove(path.c_str());
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, kplat::RegistryLoadFile(path.c_str(), &error));
+    EXPECT_FALSE(error.empty());
+}
+
+TEST_F(Registry, DirectAccessSetsAndReadsValues) {
+    kplat::RegistrySetDword("\\Registry\\Machine\\New\\Key", "D", 0x01020304);
+    kplat::RegistrySetString("\\Registry\\Machine\\New\\Key", "S", "h\xC3\xA9");  // UTF-8 in, UTF-16 stored
+    uint32_t d;
+    EXPECT_TRUE(kplat::RegistryGetDword("\\registry\\machine\\new\\key", "d", &d));
+    EXPECT_EQ(0x01020304u, d);
+    EXPECT_FALSE(kplat::RegistryGetDword("\\Registry\\Machine\\New\\Key", "S", &d));  // not a DWORD
+    ULONG type;
+    std::vector<uint8_t> data;
+    ASSERT_TRUE(kplat::RegistryGetValue("\\Registry\\Machine\\New\\Key", "S", &type, &data));
+    EXPECT_EQ((std::vector<uint8_t>{'h', 0, 0xE9, 0, 0, 0}), data);
+    EXPECT_FALSE(kplat::RegistryGetValue("\\Registry\\Machine\\New\\Missing", "S", &type, &data));
+}
+
+TEST_F(Registry, ClearLeavesOpenHandlesUsable) {
+    HANDLE key;
+    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_ALL_ACCESS, &key));
+    kplat::RegistryClear();
+    EXPECT_EQ(STATUS_SUCCESS, SetDword(key, u"Late", 1));
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(key));
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Open(kServiceW, KEY_READ, &key));
+}
+
+}  // namespace
