@@ -1,0 +1,246 @@
+// The network side: responder (ARP, ICMP echo), loopback and the counting
+// generator, on their own and behind the device.
+#include "sim_harness.h"
+
+#include <ethsim/network.h>
+
+#include <cstring>
+
+using namespace simtest;
+using ethsim::MacAddress;
+
+namespace {
+
+const MacAddress kHostMac = {0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+const MacAddress kPeerMac = {0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
+const ethsim::Ipv4Address kHostIp = {192, 0, 2, 1};
+const ethsim::Ipv4Address kPeerIp = {192, 0, 2, 2};
+
+void Be16(Bytes& b, size_t at, uint16_t v)
+{
+    b[at] = static_cast<uint8_t>(v >> 8);
+    b[at + 1] = static_cast<uint8_t>(v);
+}
+
+Bytes ArpRequest(const ethsim::Ipv4Address& target, bool vlan = false)
+{
+    const size_t o = vlan ? 4 : 0;
+    Bytes f(42 + o, 0);
+    std::memset(f.data(), 0xFF, 6);
+    std::memcpy(&f[6], kHostMac.data(), 6);
+    if (vlan) {
+        Be16(f, 12, 0x8100);
+        Be16(f, 14, 0x0005);
+    }
+    Be16(f, 12 + o, 0x0806);
+    Be16(f, 14 + o, 1);
+    Be16(f, 16 + o, 0x0800);
+    f[18 + o] = 6;
+    f[19 + o] = 4;
+    Be16(f, 20 + o, 1);
+    std::memcpy(&f[22 + o], kHostMac.data(), 6);
+    std::memcpy(&f[28 + o], kHostIp.data(), 4);
+    std::memcpy(&f[38 + o], target.data(), 4);
+    return f;
+}
+
+Bytes EchoRequest(const ethsim::Ipv4Address& to, uint16_t sequence, size_t payload = 32)
+{
+    const size_t total = 20 + 8 + payload;
+    Bytes f(14 + total, 0);
+    std::memcpy(f.data(), kPeerMac.data(), 6);
+    std::memcpy(&f[6], kHostMac.data(), 6);
+    Be16(f, 12, 0x0800);
+    uint8_t* ip = &f[14];
+    ip[0] = 0x45;
+    ip[2] = static_cast<uint8_t>(total >> 8);
+    ip[3] = static_cast<uint8_t>(total);
+    ip[8] = 128;
+    ip[9] = 1;
+    std::memcpy(ip + 12, kHostIp.data(), 4);
+    std::memcpy(ip + 16, to.data(), 4);
+    const uint16_t hc = ethsim::InternetChecksum(ip, 20);
+    ip[10] = static_cast<uint8_t>(hc >> 8);
+    ip[11] = static_cast<uint8_t>(hc);
+    uint8_t* icmp = ip + 20;
+    icmp[0] = 8;
+    icmp[4] = 0x12;
+    icmp[5] = 0x34;
+    icmp[6] = static_cast<uint8_t>(sequence >> 8);
+    icmp[7] = static_cast<uint8_t>(sequence);
+    for (size_t i = 0; i < payload; ++i) {
+        icmp[8 + i] = static_cast<uint8_t>('a' + i % 26);
+    }
+    const uint16_t cc = ethsim::InternetChecksum(icmp, 8 + payload);
+    icmp[2] = static_cast<uint8_t>(cc >> 8);
+    icmp[3] = static_cast<uint8_t>(cc);
+    return f;
+}
+
+}  // namespace
+
+TEST(Responder, AnswersArpForItsAddressOnly)
+{
+    ethsim::Responder r(kPeerMac, kPeerIp);
+    ethsim::FrameCapture out;
+    r.Connect(&out);
+    const Bytes req = ArpRequest(kPeerIp);
+    r.OnFrame(req.data(), req.size());
+    ASSERT_EQ(out.Count(), 1u);
+    const Bytes a = out.Frames()[0];
+    ASSERT_GE(a.size(), 60u);
+    EXPECT_EQ(Bytes(a.begin(), a.begin() + 6), Bytes(kHostMac.begin(), kHostMac.end()));
+    EXPECT_EQ(Bytes(a.begin() + 6, a.begin() + 12), Bytes(kPeerMac.begin(), kPeerMac.end()));
+    EXPECT_EQ(a[21], 2);  // reply
+    EXPECT_EQ(Bytes(a.begin() + 22, a.begin() + 28), Bytes(kPeerMac.begin(), kPeerMac.end()));
+    EXPECT_EQ(Bytes(a.begin() + 28, a.begin() + 32), Bytes(kPeerIp.begin(), kPeerIp.end()));
+    EXPECT_EQ(Bytes(a.begin() + 32, a.begin() + 38), Bytes(kHostMac.begin(), kHostMac.end()));
+    EXPECT_EQ(Bytes(a.begin() + 38, a.begin() + 42), Bytes(kHostIp.begin(), kHostIp.end()));
+
+    const Bytes other = ArpRequest({192, 0, 2, 99});
+    r.OnFrame(other.data(), other.size());
+    EXPECT_EQ(out.Count(), 1u);
+    EXPECT_EQ(r.GetCounters().arpRequests, 1u);
+    EXPECT_EQ(r.GetCounters().ignored, 1u);
+}
+
+TEST(Responder, KeepsTheVlanTag)
+{
+    ethsim::Responder r(kPeerMac, kPeerIp);
+    ethsim::FrameCapture out;
+    r.Connect(&out);
+    const Bytes req = ArpRequest(kPeerIp, true);
+    r.OnFrame(req.data(), req.size());
+    ASSERT_EQ(out.Count(), 1u);
+    const Bytes a = out.Frames()[0];
+    EXPECT_EQ(a[12], 0x81);
+    EXPECT_EQ(a[15], 0x05);
+    EXPECT_EQ(a[25], 2);
+}
+
+TEST(Responder, AnswersEchoWithValidChecksums)
+{
+    ethsim::Responder r(kPeerMac, kPeerIp);
+    ethsim::FrameCapture out;
+    r.Connect(&out);
+    const Bytes req = EchoRequest(kPeerIp, 9, 33);  // odd ICMP length
+    r.OnFrame(req.data(), req.size());
+    ASSERT_EQ(out.Count(), 1u);
+    const Bytes a = out.Frames()[0];
+    ASSERT_EQ(a.size(), req.size());
+    const uint8_t* ip = &a[14];
+    EXPECT_EQ(ethsim::InternetChecksum(ip, 20), 0);
+    EXPECT_EQ(Bytes(ip + 12, ip + 16), Bytes(kPeerIp.begin(), kPeerIp.end()));
+    EXPECT_EQ(Bytes(ip + 16, ip + 20), Bytes(kHostIp.begin(), kHostIp.end()));
+    const uint8_t* icmp = ip + 20;
+    EXPECT_EQ(icmp[0], 0);
+    EXPECT_EQ(ethsim::InternetChecksum(icmp, 8 + 33), 0);
+    EXPECT_EQ(Bytes(icmp + 4, icmp + 8 + 33), Bytes(req.begin() + 14 + 24, req.end()));  // id, sequence, data
+    EXPECT_EQ(r.GetCounters().echoRequests, 1u);
+}
+
+TEST(Responder, IgnoresOthersAndCountsBroken)
+{
+    ethsim::Responder r(kPeerMac, kPeerIp);
+    ethsim::FrameCapture out;
+    r.Connect(&out);
+    Bytes toOther = EchoRequest({192, 0, 2, 77}, 1);
+    r.OnFrame(toOther.data(), toOther.size());
+    Bytes broken = EchoRequest(kPeerIp, 1);
+    broken[14 + 20 + 8] ^= 0xFF;  // ICMP checksum now wrong
+    r.OnFrame(broken.data(), broken.size());
+    Bytes shortFrame(10, 0);
+    r.OnFrame(shortFrame.data(), shortFrame.size());
+    EXPECT_EQ(out.Count(), 0u);
+    EXPECT_EQ(r.GetCounters().malformed, 1u);
+    EXPECT_EQ(r.GetCounters().ignored, 2u);
+}
+
+TEST(Responder, PingThroughTheDevice)
+{
+    // Host -> NTB -> device -> responder -> device -> NTB -> host.
+    ethsim::DeviceProfile p;
+    Harness h(p);
+    std::vector<uint64_t> requests;
+    h.dev.SetServiceRequest([&requests](uint64_t due) { requests.push_back(due); });
+    ethsim::Responder peer(kPeerMac, kPeerIp);
+    h.dev.Connect(&peer);
+    peer.Connect(&h.dev);
+    h.Start(true);
+    ASSERT_EQ(h.SendOut(GoodNtb({ArpRequest(kPeerIp), EchoRequest(kPeerIp, 1)}, true, 0)), UsbHandshake::Ack);
+    h.dev.Service();
+    auto t = h.ReadIn();
+    ASSERT_TRUE(t.has_value());
+    Decoded d = Decode(*t, true);
+    ASSERT_EQ(d.frames.size(), 2u);
+    EXPECT_EQ(d.frames[0][21], 2);         // ARP reply
+    EXPECT_EQ(d.frames[1][14 + 20], 0);    // echo reply
+    EXPECT_EQ(peer.GetCounters().replies, 2u);
+    EXPECT_EQ(h.dev.TotalViolations(), 0u);
+}
+
+TEST(Loopback, EchoesAndOptionallySwaps)
+{
+    ethsim::Loopback plain, swapping(true);
+    ethsim::FrameCapture a, b;
+    plain.Connect(&a);
+    swapping.Connect(&b);
+    const Bytes f = MakeFrame(60, 1);
+    plain.OnFrame(f.data(), f.size());
+    swapping.OnFrame(f.data(), f.size());
+    EXPECT_EQ(a.Frames()[0], f);
+    const Bytes s = b.Frames()[0];
+    EXPECT_EQ(Bytes(s.begin(), s.begin() + 6), Bytes(f.begin() + 6, f.begin() + 12));
+    EXPECT_EQ(Bytes(s.begin() + 6, s.begin() + 12), Bytes(f.begin(), f.begin() + 6));
+    EXPECT_EQ(plain.Frames(), 1u);
+    // Without a sink the frame goes nowhere.
+    ethsim::Loopback lone;
+    lone.OnFrame(f.data(), f.size());
+    EXPECT_EQ(lone.Frames(), 1u);
+}
+
+TEST(CountingGenerator, GeneratesAndChecksNumberedFrames)
+{
+    ethsim::CountingGenerator tx(kPeerMac, kHostMac), rx(kHostMac, kPeerMac);
+    tx.Connect(&rx);
+    EXPECT_EQ(tx.Generate(5, 100), 5u);
+    EXPECT_EQ(tx.Sent(), 5u);
+    EXPECT_EQ(rx.Received(), 5u);
+    EXPECT_EQ(rx.ReceivedBytes(), 500u);
+    EXPECT_EQ(rx.OutOfOrder(), 0u);
+    // A lost frame shows as out of order, a damaged one as corrupt.
+    Bytes f7 = ethsim::CountingGenerator::MakeFrame(kPeerMac, kHostMac, 7, 80);
+    rx.OnFrame(f7.data(), f7.size());
+    EXPECT_EQ(rx.OutOfOrder(), 1u);
+    f7[50] ^= 1;
+    rx.OnFrame(f7.data(), f7.size());
+    EXPECT_EQ(rx.Corrupt(), 1u);
+    const Bytes other = MakeFrame(60, 1);
+    rx.OnFrame(other.data(), other.size());
+    EXPECT_EQ(rx.Foreign(), 1u);
+}
+
+TEST(CountingGenerator, ThroughTheDeviceBothWays)
+{
+    Harness h;
+    ethsim::CountingGenerator net(kPeerMac, h.profile.macAddress);
+    h.dev.Connect(&net);
+    net.Connect(&h.dev);
+    h.Start();
+    // Network to host.
+    EXPECT_EQ(net.Generate(10, 300), 10u);
+    size_t frames = 0;
+    while (auto t = h.ReadIn()) {
+        frames += Decode(*t, false).frames.size();
+    }
+    EXPECT_EQ(frames, 10u);
+    // Host to network.
+    std::vector<Bytes> out;
+    for (uint64_t i = 0; i < 4; ++i) {
+        out.push_back(ethsim::CountingGenerator::MakeFrame(h.profile.macAddress, kPeerMac, i, 200));
+    }
+    ASSERT_EQ(h.SendOut(GoodNtb(out, false, 0)), UsbHandshake::Ack);
+    EXPECT_EQ(net.Received(), 4u);
+    EXPECT_EQ(net.OutOfOrder(), 0u);
+    EXPECT_EQ(net.Corrupt(), 0u);
+}
