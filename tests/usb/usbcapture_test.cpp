@@ -1,0 +1,236 @@
+// The usbmon pcap capture of the bus's traffic.
+#include "usb_fixture.h"
+
+#include <pcap/pcap.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace usbtest {
+namespace {
+
+struct Record {
+    uint64_t id;
+    char type;
+    uint8_t transferType, endpoint, device;
+    uint16_t bus;
+    char flagSetup, flagData;
+    int64_t sec;
+    int32_t usec, status;
+    uint32_t length, lenCap;
+    uint8_t setup[8];
+    Bytes data;
+};
+
+// Reads a capture back with libpcap.
+bool ReadCapture(const std::string& path, int* linkType, std::vector<Record>* out) {
+    char err[PCAP_ERRBUF_SIZE];
+    pcap_t* p = pcap_open_offline(path.c_str(), err);
+    if (!p) return false;
+    *linkType = pcap_datalink(p);
+    pcap_pkthdr* h;
+    const u_char* bytes;
+    while (pcap_next_ex(p, &h, &bytes) == 1) {
+        if (h->caplen < 64) break;
+        Record r;
+        memcpy(&r.id, bytes, 8);
+        r.type = (char)bytes[8];
+        r.transferType = bytes[9];
+        r.endpoint = bytes[10];
+        r.device = bytes[11];
+        memcpy(&r.bus, bytes + 12, 2);
+        r.flagSetup = (char)bytes[14];
+        r.flagData = (char)bytes[15];
+        memcpy(&r.sec, bytes + 16, 8);
+        memcpy(&r.usec, bytes + 24, 4);
+        memcpy(&r.status, bytes + 28, 4);
+        memcpy(&r.length, bytes + 32, 4);
+        memcpy(&r.lenCap, bytes + 36, 4);
+        memcpy(r.setup, bytes + 40, 8);
+        r.data.assign(bytes + 64, bytes + h->caplen);
+        out->push_back(r);
+    }
+    pcap_close(p);
+    return true;
+}
+
+std::string TempPath(const char* name) {
+    return ::testing::TempDir() + "ethbrg_usb_" + std::to_string(getpid()) + "_" + name + ".pcap";
+}
+
+std::string RunCommand(const std::string& command) {
+    std::string out;
+    FILE* f = popen(command.c_str(), "r");
+    if (!f) return out;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), f)) > 0) out.append(buf, n);
+    pclose(f);
+    return out;
+}
+
+class UsbCaptureTest : public BusTest {
+protected:
+    void TearDown() override {
+        BusTest::TearDown();
+        if (!path.empty()) remove(path.c_str());
+    }
+
+    // A short session: device and configuration descriptors, configuration
+    // and data interface selection, an NCM class request, one bulk write and
+    // one bulk read.
+    void Session() {
+        uint8_t dd[18];
+        Request& d = DescriptorRequest(USB_DEVICE_DESCRIPTOR_TYPE, 0, dd, sizeof(dd));
+        ASSERT_EQ(SendAndRun(d), STATUS_SUCCESS);
+        Bytes cfg(256);
+        Request& c = DescriptorRequest(USB_CONFIGURATION_DESCRIPTOR_TYPE, 0, cfg.data(), 256);
+        ASSERT_EQ(SendAndRun(c), STATUS_SUCCESS);
+        ConfigureAll();
+        dev.classIn[0x80] = Pattern(28);
+        uint8_t params[28];
+        Request& ntb = ClassRequest(0x80, 0, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, params, 28, 0);
+        ASSERT_EQ(SendAndRun(ntb), STATUS_SUCCESS);
+        Bytes out = Pattern(600);
+        Request& w = BulkRequest(bulkOut, 0, out.data(), 600);
+        ASSERT_EQ(SendAndRun(w), STATUS_SUCCESS);
+        dev.QueueIn(kBulkIn, Pattern(40, 9));
+        Bytes in(2048);
+        Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, in.data(), 2048);
+        ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
+    }
+
+    std::string path;
+};
+
+TEST_F(UsbCaptureTest, RecordsSubmissionsAndCompletionsInUsbmonFormat) {
+    path = TempPath("records");
+    std::string error;
+    ASSERT_TRUE(bus->StartCapture(path, &error)) << error;
+    Session();
+    bus->StopCapture();
+
+    int linkType = 0;
+    std::vector<Record> recs;
+    ASSERT_TRUE(ReadCapture(path, &linkType, &recs));
+    EXPECT_EQ(linkType, 220);
+    // 7 URBs that reach the wire, each submitted and completed.
+    ASSERT_EQ(recs.size(), 14u);
+    for (size_t i = 0; i < recs.size(); i += 2) {
+        EXPECT_EQ(recs[i].type, 'S') << i;
+        EXPECT_EQ(recs[i + 1].type, 'C') << i;
+        EXPECT_EQ(recs[i].id, recs[i + 1].id) << i;
+        EXPECT_EQ(recs[i].status, -115);  // -EINPROGRESS
+        EXPECT_EQ(recs[i + 1].status, 0);
+        EXPECT_EQ(recs[i].bus, bus->BusNumber());
+        EXPECT_EQ(recs[i].device, bus->DeviceAddress());
+    }
+    // The device descriptor read: set-up packet at submission, data at
+    // completion.
+    const Record& s = recs[0];
+    EXPECT_EQ(s.transferType, 2);
+    EXPECT_EQ(s.endpoint, 0x80);
+    EXPECT_EQ(s.flagSetup, 0);
+    EXPECT_EQ(s.flagData, '<');
+    EXPECT_EQ(Bytes(s.setup, s.setup + 8), (Bytes{0x80, 0x06, 0x00, 0x01, 0x00, 0x00, 18, 0}));
+    EXPECT_EQ(s.length, 18u);
+    EXPECT_EQ(s.sec, 1406160000);  // the virtual clock's origin
+    const Record& c = recs[1];
+    EXPECT_EQ(c.flagSetup, '-');
+    EXPECT_EQ(c.length, 18u);
+    EXPECT_EQ(c.data, DeviceDescriptor());
+    // SET_CONFIGURATION for the selection.
+    EXPECT_EQ(Bytes(recs[4].setup, recs[4].setup + 8), (Bytes{0x00, 0x09, 0x01, 0x00, 0x00, 0x00, 0, 0}));
+    // The class request.
+    EXPECT_EQ(recs[8].setup[0], 0xA1);
+    EXPECT_EQ(recs[8].setup[1], 0x80);
+    EXPECT_EQ(recs[9].data, Pattern(28));
+    // Bulk OUT: data at submission, none at completion.
+    EXPECT_EQ(recs[10].transferType, 3);
+    EXPECT_EQ(recs[10].endpoint, kBulkOut);
+    EXPECT_EQ(recs[10].data, Pattern(600));
+    EXPECT_EQ(recs[11].flagData, '>');
+    EXPECT_EQ(recs[11].length, 600u);
+    // Bulk IN: data at completion.
+    EXPECT_EQ(recs[12].endpoint, kBulkIn);
+    EXPECT_EQ(recs[12].length, 2048u);
+    EXPECT_TRUE(recs[12].data.empty());
+    EXPECT_EQ(recs[13].length, 40u);
+    EXPECT_EQ(recs[13].data, Pattern(40, 9));
+}
+
+TEST_F(UsbCaptureTest, FailuresShowTheirStatus) {
+    ConfigureAll();
+    path = TempPath("failures");
+    ASSERT_TRUE(bus->StartCapture(path));
+    dev.Stall(kBulkOut, true);
+    Bytes data = Pattern(8);
+    Request& w = BulkRequest(bulkOut, 0, data.data(), 8);
+    SendAndRun(w);
+    Bytes buf(64);
+    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 64);
+    Send(r);
+    kplat::RunUntilIdle();
+    IoCancelIrp(r.irp);
+    kplat::AdvanceTime(1500);
+    Request& bad = BulkRequest(bulkIn, 0, buf.data(), 64);  // direction mismatch
+    Send(bad);
+    bus->Unplug();
+    bus->StopCapture();
+
+    int linkType = 0;
+    std::vector<Record> recs;
+    ASSERT_TRUE(ReadCapture(path, &linkType, &recs));
+    ASSERT_EQ(recs.size(), 5u);
+    EXPECT_EQ(recs[1].type, 'C');
+    EXPECT_EQ(recs[1].status, -32);  // -EPIPE: stalled
+    EXPECT_EQ(recs[3].type, 'C');
+    EXPECT_EQ(recs[3].status, -2);  // -ENOENT: cancelled
+    EXPECT_EQ(recs[4].type, 'E');
+    EXPECT_EQ(recs[4].status, -22);  // -EINVAL: refused
+    EXPECT_EQ(recs[4].sec, 1406160001);
+    EXPECT_EQ(recs[4].usec, 500000);
+}
+
+TEST_F(UsbCaptureTest, TsharkDecodesStandardAndClassRequests) {
+    if (RunCommand("command -v tshark").empty()) GTEST_SKIP() << "tshark is not installed";
+    path = TempPath("tshark");
+    ASSERT_TRUE(bus->StartCapture(path));
+    Session();
+    bus->StopCapture();
+    std::string text = RunCommand("tshark -r '" + path + "' -V 2>&1");
+    EXPECT_NE(text.find("URB type: URB_SUBMIT ('S')"), std::string::npos) << text;
+    EXPECT_NE(text.find("bRequest: GET DESCRIPTOR (6)"), std::string::npos) << text;
+    EXPECT_NE(text.find("bDescriptorType: 0x01 (DEVICE)"), std::string::npos);
+    EXPECT_NE(text.find("bRequest: SET CONFIGURATION (9)"), std::string::npos);
+    EXPECT_NE(text.find("Type: Class (0x1)"), std::string::npos);
+    // The configuration descriptor read earlier tells Wireshark that
+    // interface 0 is a CDC NCM interface, so the class request is decoded.
+    EXPECT_NE(text.find("USB Communications and CDC Control"), std::string::npos);
+    EXPECT_NE(text.find("GET NTB PARAMETERS"), std::string::npos);
+    EXPECT_NE(text.find("URB transfer type: URB_BULK (0x03)"), std::string::npos);
+    EXPECT_EQ(text.find("Malformed"), std::string::npos) << text;
+}
+
+TEST(UsbCaptureFile, OpenFailsForAnUnwritablePath) {
+    std::string error;
+    EXPECT_EQ(kplat::UsbCapture::Open("/nonexistent-dir/x.pcap", &error), nullptr);
+    EXPECT_FALSE(error.empty());
+}
+
+TEST(UsbCaptureFile, LinuxStatusOfTheUsbStatuses) {
+    using kplat::UsbCapture;
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_SUCCESS), 0);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_STALL_PID), -32);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_CANCELED), -2);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_DEVICE_GONE), -108);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_ERROR_SHORT_TRANSFER), -121);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_DATA_OVERRUN), -75);
+    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_INVALID_PIPE_HANDLE), -22);
+}
+
+}  // namespace
+}  // namespace usbtest
