@@ -14,8 +14,9 @@
 // Threading: the bus calls a device at DISPATCH_LEVEL from its own DPC (or
 // inline from IofCallDriver when inline completion is switched on), one call
 // at a time per bus (the bus serialises). A device may call its port from any
-// thread at <= DISPATCH_LEVEL, but never from inside one of the bus's calls
-// into it except where stated.
+// thread at <= DISPATCH_LEVEL. From inside one of the bus's calls into it, a
+// device may call CompleteControl and EndpointReady only; Disconnect must
+// come from outside (the simulated device defers it to its Service routine).
 #pragma once
 
 #include <ntddk.h>
