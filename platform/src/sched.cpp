@@ -550,7 +550,13 @@ BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     Timer->Header.SignalState = 0;
     Timer->Header.Inserted = 1;
     InsertSortedTimerLocked(s, Timer);
-    if (s.mode.load() == kplat::ClockMode::Real) s.timerCv.notify_one();
+    if (Timer->DueTime <= ClockNow()) {
+        // Due already (a zero or past due time): expires now, not at the next
+        // move of the clock.
+        ExpireTimerLocked(s, Timer);
+    } else if (s.mode.load() == kplat::ClockMode::Real) {
+        s.timerCv.notify_one();
+    }
     return wasPending;
 }
 

@@ -144,6 +144,18 @@ TEST_F(Dispatcher, EqualDeadlinesExpireInSettingOrder) {
     EXPECT_EQ(trace.order, (std::vector<int>{2, 0, 3, 1}));
 }
 
+TEST_F(Dispatcher, TimerWithZeroDelayExpiresWithoutTheClockMoving) {
+    Trace trace;
+    KDPC dpc;
+    KTIMER timer;
+    KeInitializeDpc(&dpc, RecordDpc, &trace);
+    KeInitializeTimer(&timer);
+    KeSetTimer(&timer, RelativeMs(0), &dpc);
+    kplat::RunUntilIdle();
+    EXPECT_EQ(trace.atMs, (std::vector<uint64_t>{0}));
+    EXPECT_FALSE(KeCancelTimer(&timer));
+}
+
 TEST_F(Dispatcher, AbsoluteDueTimeCountsFromSystemTime) {
     Trace trace;
     KDPC dpc;
