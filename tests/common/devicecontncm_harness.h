@@ -12,8 +12,9 @@
 #include "devicecontncm.h"
 #include "devicecontncm_peer.h"
 #include "knpooltags.h"
+#include "kntrace.h"
 
-class NcmRxHarness : public DeviceNotify {
+class NcmRxHarness final : public DeviceNotify {
 public:
     struct Datagram {
         std::vector<UCHAR> payload;  // mLength bytes from mCurrentBuffer
@@ -34,7 +35,11 @@ public:
     ~NcmRxHarness()
     {
         Drain();
+        // Its streams were never configured: their stops would only say so.
+        ULONG mask = KnGetTraceMask();
+        KnSetTraceMask(0);
         delete mCont;
+        KnSetTraceMask(mask);
         mPool.FreeAll();
     }
     NcmRxHarness(const NcmRxHarness&) = delete;

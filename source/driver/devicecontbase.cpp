@@ -1,0 +1,605 @@
+// The shared part of the CDC Ethernet device control: streams, deferred
+// work, Ethernet class requests, notifications and the MAC address.
+#include "devicecontbase.h"
+
+#include "knpooltags.h"
+#include "kntrace.h"
+#include "macstring.h"
+#include "qbstringutils.h"
+
+// NDIS packet filter bits that have a CDC counterpart.
+#define DEVICECONT_NDIS_DIRECTED 0x00000001
+#define DEVICECONT_NDIS_MULTICAST 0x00000002
+#define DEVICECONT_NDIS_ALL_MULTICAST 0x00000004
+#define DEVICECONT_NDIS_BROADCAST 0x00000008
+#define DEVICECONT_NDIS_PROMISCUOUS 0x00000020
+
+// Size of a notification header, and of a CONNECTION_SPEED_CHANGE with its
+// two bit rates.
+#define DEVICECONT_NOTIFICATION_HEADER_LENGTH 8
+#define DEVICECONT_SPEED_CHANGE_LENGTH 16
+
+// Largest frame when the device names none.
+#define DEVICECONT_DEFAULT_MAX_SEGMENT_SIZE 1514
+
+// Transfer flags of a device-to-host class request.
+#define DEVICECONT_IN_TRANSFER_FLAGS (USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK)
+
+// Contract: any IRQL. Little-endian reads from a byte stream.
+static inline ULONG ReadLe32(const UCHAR* p)
+{
+    return (ULONG)p[0] | (ULONG)p[1] << 8 | (ULONG)p[2] << 16 | (ULONG)p[3] << 24;
+}
+static inline USHORT ReadLe16(const UCHAR* p) { return (USHORT)(p[0] | p[1] << 8); }
+
+// ===========================================================================
+// NotificationBase
+// ===========================================================================
+
+// Contract: any IRQL.
+NotificationBase::NotificationBase() : mParent(NULL) {}
+
+// Contract: IRQL <= DISPATCH_LEVEL; no stream lock held.
+void NotificationBase::BufferReceived(UsbBuf* buffer)
+{
+    IRQL_LTEQ_DISPATCH();
+    KN_ASSERT(mParent != NULL);
+    if (mParent == NULL) {
+        return;
+    }
+    buffer->InitView();
+    mParent->OnProcessNotification(buffer);
+}
+
+// Contract: IRQL <= DISPATCH_LEVEL; the notification stream's mLock held:
+// only traces and schedules.
+void NotificationBase::IndicateError(NTSTATUS status, bool removed)
+{
+    IRQL_LTEQ_DISPATCH();
+    KN_ASSERT(mParent != NULL);
+    KN_TRACE(KN_TRACE_ERROR, "%P:NotificationBase::IndicateError: %N, removed:%s\n", status,
+             removed ? "true" : "false");
+    if (mParent == NULL || removed) {
+        return;
+    }
+    mParent->mNotificationStream.ScheduleRestart();
+}
+
+// ===========================================================================
+// DeviceContBase: construction and destruction
+// ===========================================================================
+
+// Contract: PASSIVE_LEVEL.
+DeviceContBase::DeviceContBase()
+    : DeviceCont(),
+      StreamOutClient(),
+      StreamInClient(),
+      mLock(NULL),
+      mRequestMutex(),
+      mUsbDevice(),
+      mDescriptors(),
+      mMacAddress(),
+      mMacAddressValid(false),
+      mStarted(false),
+      mConfiguration(),
+      mControlInterface(0),
+      mDataInterface(0),
+      mInStream(),
+      mOutStream(),
+      mNotificationStream(),
+      mDeviceNotify(NULL),
+      mFunctionalDeviceObject(NULL),
+      mNotificationHandler(),
+      mEthernetDescriptor(NULL),
+      mStartStopWorkItem(),
+      mPacketFilterWorkItem(),
+      mCdcPacketFilter(0),
+      mParameters(NULL),
+      mStatistics(),
+      mStatisticsSupported(0),
+      mStatisticsRequested(0),
+      mStatisticsWorkItem()
+{
+    mNotificationHandler.mParent = this;
+}
+
+// Contract: PASSIVE_LEVEL; Exit has run. The members go in reverse
+// declaration order: work items, streams, configuration, descriptor, device.
+DeviceContBase::~DeviceContBase()
+{
+    // The lower device must not point at device objects when it goes.
+    mUsbDevice.SetDeviceObject(NULL);
+    mUsbDevice.SetPhysicalDeviceObject(NULL);
+}
+
+// ===========================================================================
+// DeviceContBase: life
+// ===========================================================================
+
+// Contract: PASSIVE_LEVEL; the streams are stopped; no lock held.
+NTSTATUS DeviceContBase::Exit()
+{
+    IRQL_EQ_PASSIVE();
+    mStartStopWorkItem.CancelCallbackAndWait();
+    mStatisticsWorkItem.CancelTimedWorkItemAndWait();
+
+    if (!mConfiguration.IsConfigured()) {
+        return STATUS_SUCCESS;
+    }
+
+    // Alternate setting 0 of the data interface has no endpoints: the device
+    // stops its data transfers. A failure here does not keep the
+    // configuration from being given up.
+    NTSTATUS status = mConfiguration.PrepareSelectInterface(&mUsbDevice, mDataInterface, 0,
+                                                            DEVICECONT_DEFAULT_MAX_TRANSFER_SIZE);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::Exit: PrepareSelectInterface failed: %N\n", status);
+    } else {
+        status = mConfiguration.SelectInterface(&mUsbDevice, DEVICECONT_REQUEST_TIMEOUT_MS);
+        if (!NT_SUCCESS(status)) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::Exit: SelectInterface failed: %N\n", status);
+        }
+    }
+
+    status = mConfiguration.Unconfigure(&mUsbDevice, true, DEVICECONT_REQUEST_TIMEOUT_MS);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::Exit: Unconfigure failed: %N\n", status);
+    }
+    return status;
+}
+
+// Contract: IRQL <= DISPATCH_LEVEL; only schedules.
+bool DeviceContBase::StartAsync()
+{
+    IRQL_LTEQ_DISPATCH();
+    return mStartStopWorkItem.ScheduleCallback(mFunctionalDeviceObject, StartAsyncRoutine, this, NULL,
+                                               DelayedWorkQueue);
+}
+
+// Contract: IRQL <= DISPATCH_LEVEL; only schedules.
+bool DeviceContBase::StopAsync()
+{
+    IRQL_LTEQ_DISPATCH();
+    return mStartStopWorkItem.ScheduleCallback(mFunctionalDeviceObject, StopAsyncRoutine, this, NULL,
+                                               DelayedWorkQueue);
+}
+
+// Contract: PASSIVE_LEVEL (mStartStopWorkItem); no lock held.
+void DeviceContBase::StartAsyncRoutine(PDEVICE_OBJECT deviceObject, PVOID context, PVOID argument)
+{
+    UNREFERENCED_PARAMETER(deviceObject);
+    UNREFERENCED_PARAMETER(argument);
+    IRQL_EQ_PASSIVE();
+    DeviceContBase* This = static_cast<DeviceContBase*>(context);
+    KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::StartAsync: starting\n");
+    NTSTATUS status = This->Start();
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartAsync: Start failed %N\n", status);
+    }
+    This->mDeviceNotify->StartCompleted(status);
+}
+
+// Contract: PASSIVE_LEVEL (mStartStopWorkItem); no lock held.
+void DeviceContBase::StopAsyncRoutine(PDEVICE_OBJECT deviceObject, PVOID context, PVOID argument)
+{
+    UNREFERENCED_PARAMETER(deviceObject);
+    UNREFERENCED_PARAMETER(argument);
+    IRQL_EQ_PASSIVE();
+    DeviceContBase* This = static_cast<DeviceContBase*>(context);
+    KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::StopAsync: stopping\n");
+    This->Stop();
+    This->mDeviceNotify->StopCompleted();
+}
+
+// ===========================================================================
+// DeviceContBase: streams
+// ===========================================================================
+
+// Contract: PASSIVE_LEVEL; the streams are configured and stopped; no lock
+// held.
+NTSTATUS DeviceContBase::StartBase()
+{
+    IRQL_EQ_PASSIVE();
+    if (mEthernetDescriptor != NULL) {
+        __atomic_store_n(&mStatisticsSupported,
+                         GetEthernetDescriptorField(CDC_ETH_DESC_BMETHERNETSTATISTICS, 4), __ATOMIC_RELAXED);
+    }
+    bool resetPipe = mParameters->SendClearEpHaltOnStart != 0;
+
+    NTSTATUS status = mOutStream.Start(resetPipe);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartBase: mOutStream.Start() failed %N\n", status);
+        return status;
+    }
+    status = mInStream.Start(resetPipe);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartBase: mInStream.Start() failed %N\n", status);
+        mOutStream.Stop();
+        return status;
+    }
+    status = mNotificationStream.Start(resetPipe);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartBase: mEcmNotification.Start() failed %N\n", status);
+        mOutStream.Stop();
+        mInStream.Stop();
+        return status;
+    }
+
+    SetStarted(true);
+
+    // Every supported statistic is read once shortly after the start.
+    ULONG supported = __atomic_load_n(&mStatisticsSupported, __ATOMIC_RELAXED);
+    if (supported != 0) {
+        __atomic_store_n(&mStatisticsRequested, supported, __ATOMIC_RELAXED);
+        mStatisticsWorkItem.Schedule(mParameters->StatisticsUpdateInterval, mFunctionalDeviceObject,
+                                     ReadEthernetStatisticsRoutine, this, NULL, DelayedWorkQueue);
+    }
+    return status;
+}
+
+// Contract: PASSIVE_LEVEL; not on mPacketFilterWorkItem or
+// mStatisticsWorkItem; no lock held.
+void DeviceContBase::StopBase()
+{
+    IRQL_EQ_PASSIVE();
+    SetStarted(false);
+    mOutStream.Stop();
+    mInStream.Stop();
+    mNotificationStream.Stop();
+    // mStartStopWorkItem stays: StopBase runs on it when reached through
+    // StopAsync.
+    mPacketFilterWorkItem.CancelCallbackAndWait();
+    mStatisticsWorkItem.CancelTimedWorkItemAndWait();
+}
+
+// ===========================================================================
+// DeviceContBase: send
+// ===========================================================================
+
+// Contract: IRQL <= DISPATCH_LEVEL; mLock not held.
+void DeviceContBase::ProcessTxPackets()
+{
+    IRQL_LTEQ_DISPATCH();
+    DoProcessTxPackets();
+}
+
+// ===========================================================================
+// DeviceContBase: configuration
+// ===========================================================================
+
+// Contract: any IRQL.
+ULONG DeviceContBase::GetEthernetDescriptorField(ULONG offset, ULONG size) const
+{
+    if (mEthernetDescriptor == NULL || offset + size > mEthernetDescriptor[0]) {
+        return 0;
+    }
+    const UCHAR* p = mEthernetDescriptor + offset;
+    ULONG value = 0;
+    for (ULONG i = size; i > 0; i--) {
+        value = value << 8 | p[i - 1];
+    }
+    return value;
+}
+
+// Contract: any IRQL.
+bool DeviceContBase::GetMacAddress(UCHAR* macAddress)
+{
+    if (mMacAddressValid) {
+        RtlCopyMemory(macAddress, mMacAddress, sizeof(mMacAddress));
+    }
+    return mMacAddressValid;
+}
+
+// Contract: any IRQL.
+ULONG DeviceContBase::GetMaxSegmentSize()
+{
+    if (mEthernetDescriptor == NULL) {
+        return DEVICECONT_DEFAULT_MAX_SEGMENT_SIZE;
+    }
+    return GetEthernetDescriptorField(CDC_ETH_DESC_WMAXSEGMENTSIZE, 2);
+}
+
+// Contract: any IRQL.
+ULONG DeviceContBase::GetNumberMCFilters()
+{
+    // Bit 15 flags imperfect filtering; the count is in the low bits.
+    return GetEthernetDescriptorField(CDC_ETH_DESC_WNUMBERMCFILTERS, 2) & 0x7FFF;
+}
+
+// Contract: any IRQL; mDescriptors not changed meanwhile.
+PUCHAR DeviceContBase::FindFunctionalDescriptor(PVOID start, UCHAR descriptorType, UCHAR subtype)
+{
+    PVOID position = start;
+    for (;;) {
+        PUSB_COMMON_DESCRIPTOR descriptor = mDescriptors.FindDescriptor(position, descriptorType);
+        if (descriptor == NULL || descriptor->bLength < 3) {
+            return NULL;
+        }
+        PUCHAR bytes = reinterpret_cast<PUCHAR>(descriptor);
+        if (bytes[2] == subtype) {
+            return bytes;
+        }
+        position = mDescriptors.NextDescriptor(descriptor);
+        if (position == NULL) {
+            return NULL;
+        }
+    }
+}
+
+// Contract: PASSIVE_LEVEL; mRequestMutex held.
+NTSTATUS DeviceContBase::SendClassRequest(UCHAR request, USHORT value, bool in, PVOID buffer, ULONG length,
+                                          ULONG* bytesTransferred)
+{
+    IRQL_EQ_PASSIVE();
+    return mUsbDevice.ControlVendorOrClassRequest(URB_FUNCTION_CLASS_INTERFACE, request, value, mControlInterface,
+                                                  in ? DEVICECONT_IN_TRANSFER_FLAGS : 0, length != 0 ? buffer : NULL,
+                                                  NULL, length, bytesTransferred, DEVICECONT_REQUEST_TIMEOUT_MS,
+                                                  NULL);
+}
+
+// Contract: PASSIVE_LEVEL; no spin lock held; takes mRequestMutex.
+NTSTATUS DeviceContBase::SetNetAddress(const UCHAR* address)
+{
+    IRQL_EQ_PASSIVE();
+    UCHAR data[6];
+    RtlCopyMemory(data, address, sizeof(data));
+
+    KnMutexGuard guard(mRequestMutex);
+    NTSTATUS status = SendClassRequest(CDC_SET_NET_ADDRESS, 0, false, data, sizeof(data), NULL);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SetNetAddress failed %N\n", status);
+    }
+    return status;
+}
+
+// Contract: PASSIVE_LEVEL; no lock held; mEthernetDescriptor present; a
+// freshly constructed object.
+void DeviceContBase::ReadMacAddress()
+{
+    IRQL_EQ_PASSIVE();
+    UCHAR index = (UCHAR)GetEthernetDescriptorField(CDC_ETH_DESC_IMACADDRESS, 1);
+    if (index == 0) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadMacAddress: device does not report a MAC address\n");
+    } else {
+        USHORT languageIds[DEVICECONT_MAX_LANGUAGE_IDS];
+        ULONG languageCount = 0;
+        languageIds[0] = 0;
+        NTSTATUS status = mUsbDevice.GetLanguageIdList(languageIds, DEVICECONT_MAX_LANGUAGE_IDS, &languageCount,
+                                                       DEVICECONT_REQUEST_TIMEOUT_MS);
+        if (!NT_SUCCESS(status) || languageCount == 0) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadMacAddress: GetLanguageIdList FAILED %N\n", status);
+        }
+        // Language 0 when no list was read.
+        USHORT language = languageIds[0];
+
+        WCHAR text[DEVICECONT_MAC_STRING_CHARS];
+        RtlZeroMemory(text, sizeof(text));
+        status = mUsbDevice.GetStringDescriptorString(index, language, text, DEVICECONT_MAC_STRING_CHARS,
+                                                      DEVICECONT_REQUEST_TIMEOUT_MS);
+        // The buffer is zeroed and one unit longer than any text, so the
+        // length stops inside it whatever came back.
+        text[DEVICECONT_MAC_STRING_CHARS - 1] = 0;
+        ULONG length = QbStringLength(text);
+        if (!NT_SUCCESS(status) || length != MAC_ADDRESS_STRING_LENGTH) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadMacAddress: GetStringDescriptor[%u,%04x] failed %N\n",
+                     index, language, status);
+        } else {
+            // Pairs converted before a failing one stay in mMacAddress but
+            // are not valid.
+            mMacAddressValid = ConvertMacAddressString(text, mMacAddress);
+            if (!mMacAddressValid) {
+                KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadMacAddress: Conversion of MAC address fails: %S\n",
+                         text);
+            }
+        }
+    }
+
+    if (mMacAddressValid && (mMacAddress[0] & 0x01) != 0) {
+        KN_TRACE(KN_TRACE_ERROR,
+                 "%P:DeviceContBase::ReadMacAddress: Device reports a multi-cast MAC address, correct it!\n");
+        mMacAddress[0] &= 0xFE;
+    }
+}
+
+// ===========================================================================
+// DeviceContBase: packet filter
+// ===========================================================================
+
+// Contract: IRQL <= DISPATCH_LEVEL; no lock needed (mCdcPacketFilter is
+// written atomically).
+bool DeviceContBase::SetPacketFilter(ULONG ndisPacketFilter)
+{
+    IRQL_LTEQ_DISPATCH();
+    USHORT cdcFilter = 0;
+    if (ndisPacketFilter & DEVICECONT_NDIS_PROMISCUOUS) cdcFilter |= CDC_PACKET_TYPE_PROMISCUOUS;
+    if (ndisPacketFilter & DEVICECONT_NDIS_ALL_MULTICAST) cdcFilter |= CDC_PACKET_TYPE_ALL_MULTICAST;
+    if (ndisPacketFilter & DEVICECONT_NDIS_DIRECTED) cdcFilter |= CDC_PACKET_TYPE_DIRECTED;
+    if (ndisPacketFilter & DEVICECONT_NDIS_BROADCAST) cdcFilter |= CDC_PACKET_TYPE_BROADCAST;
+    if (ndisPacketFilter & DEVICECONT_NDIS_MULTICAST) cdcFilter |= CDC_PACKET_TYPE_MULTICAST;
+    __atomic_store_n(&mCdcPacketFilter, cdcFilter, __ATOMIC_RELAXED);
+
+    if (!IsStarted()) {
+        // Kept; it goes out with the next change after the start.
+        return false;
+    }
+    return mPacketFilterWorkItem.ScheduleCallback(mFunctionalDeviceObject, SendPacketFilterRoutine, this, NULL,
+                                                  DelayedWorkQueue);
+}
+
+// Contract: PASSIVE_LEVEL (mPacketFilterWorkItem).
+void DeviceContBase::SendPacketFilterRoutine(PDEVICE_OBJECT deviceObject, PVOID context, PVOID argument)
+{
+    UNREFERENCED_PARAMETER(deviceObject);
+    UNREFERENCED_PARAMETER(argument);
+    static_cast<DeviceContBase*>(context)->SendPacketFilter();
+}
+
+// Contract: PASSIVE_LEVEL; no lock held; takes mRequestMutex and calls
+// GetMulticastList under it (the adapter takes only its spin lock there).
+void DeviceContBase::SendPacketFilter()
+{
+    IRQL_EQ_PASSIVE();
+    KnMutexGuard guard(mRequestMutex);
+
+    USHORT cdcFilter = __atomic_load_n(&mCdcPacketFilter, __ATOMIC_RELAXED);
+    KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter: SET_ETHERNET_PACKET_FILTER %08x\n", cdcFilter);
+    NTSTATUS status = SendClassRequest(CDC_SET_ETHERNET_PACKET_FILTER, cdcFilter, false, NULL, 0, NULL);
+    if (!NT_SUCCESS(status)) {
+        // The multicast list still goes out.
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter set PF failed %N\n", status);
+    }
+
+    if (mEthernetDescriptor == NULL) {
+        return;
+    }
+    ULONG maxCount = GetNumberMCFilters();
+    if (maxCount > DEVICECONT_MAX_MULTICAST_FILTERS) {
+        maxCount = DEVICECONT_MAX_MULTICAST_FILTERS;
+    }
+    if (maxCount == 0) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter device does not support MultiCast lists\n");
+        return;
+    }
+    UCHAR* list = new (NonPagedPool, KN_POOL_TAG_MULTICAST_LIST) UCHAR[maxCount * 6];
+    if (list == NULL) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter new (%u) failed\n", maxCount);
+        return;
+    }
+    ULONG count = mDeviceNotify->GetMulticastList(maxCount, list);
+    KN_ASSERT(count<=maxCount);
+    if (count > maxCount) {
+        count = maxCount;
+    }
+    status = SendClassRequest(CDC_SET_ETHERNET_MULTICAST_FILTERS, (USHORT)count, false, list, count * 6, NULL);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter set MF failed %N\n", status);
+    }
+    KnDeleteArray(list);
+}
+
+// ===========================================================================
+// DeviceContBase: statistics
+// ===========================================================================
+
+// Contract: IRQL <= DISPATCH_LEVEL; no lock needed (atomic accesses).
+bool DeviceContBase::GetEthernetStatistic(UCHAR selector, ULONG* value)
+{
+    IRQL_LTEQ_DISPATCH();
+    if (selector == 0 || selector > DEVICECONT_STATISTICS_COUNT) {
+        return false;
+    }
+    ULONG bit = 1u << (selector - 1);
+    if ((__atomic_load_n(&mStatisticsSupported, __ATOMIC_RELAXED) & bit) == 0) {
+        return false;
+    }
+    // Read again at the next poll.
+    __atomic_fetch_or(&mStatisticsRequested, bit, __ATOMIC_RELAXED);
+    *value = __atomic_load_n(&mStatistics[selector - 1], __ATOMIC_RELAXED);
+    return true;
+}
+
+// Contract: PASSIVE_LEVEL (mStatisticsWorkItem).
+void DeviceContBase::ReadEthernetStatisticsRoutine(PDEVICE_OBJECT deviceObject, PVOID context, PVOID argument)
+{
+    UNREFERENCED_PARAMETER(deviceObject);
+    UNREFERENCED_PARAMETER(argument);
+    static_cast<DeviceContBase*>(context)->ReadEthernetStatistics();
+}
+
+// Contract: PASSIVE_LEVEL; no lock held; takes mRequestMutex.
+void DeviceContBase::ReadEthernetStatistics()
+{
+    IRQL_EQ_PASSIVE();
+    KnMutexGuard guard(mRequestMutex);
+
+    ULONG requested = __atomic_load_n(&mStatisticsRequested, __ATOMIC_RELAXED);
+    for (ULONG i = 0; i < DEVICECONT_STATISTICS_COUNT; i++) {
+        if ((requested & (1u << i)) == 0) {
+            continue;
+        }
+        if (!IsStarted()) {
+            break;
+        }
+        // Bytes a short answer does not deliver keep the cached value.
+        ULONG value = __atomic_load_n(&mStatistics[i], __ATOMIC_RELAXED);
+        NTSTATUS status =
+            SendClassRequest(CDC_GET_ETHERNET_STATISTIC, (USHORT)(i + 1), true, &value, sizeof(value), NULL);
+        if (!NT_SUCCESS(status)) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadEthernetStatistics get statistics for %u failed %N\n", i,
+                     status);
+            break;
+        }
+        __atomic_store_n(&mStatistics[i], value, __ATOMIC_RELAXED);
+    }
+    // Also the selectors not reached: they are asked for again by the OID
+    // query when somebody needs them.
+    __atomic_store_n(&mStatisticsRequested, 0, __ATOMIC_RELAXED);
+
+    if (IsStarted()) {
+        mStatisticsWorkItem.Schedule(mParameters->StatisticsUpdateInterval, mFunctionalDeviceObject,
+                                     ReadEthernetStatisticsRoutine, this, NULL, DelayedWorkQueue);
+    }
+}
+
+// ===========================================================================
+// DeviceContBase: notifications
+// ===========================================================================
+
+// Contract: IRQL <= DISPATCH_LEVEL; no lock held. The buffer comes back to
+// its pool on every path.
+void DeviceContBase::OnProcessNotification(UsbBuf* buffer)
+{
+    IRQL_LTEQ_DISPATCH();
+    buffer->InitView();
+    ULONG length = buffer->mLength;
+    const UCHAR* data = buffer->mStart;
+
+    if (length == 0) {
+        // Nothing to decode; read again.
+    } else if (length < DEVICECONT_NOTIFICATION_HEADER_LENGTH) {
+        KN_TRACE(KN_TRACE_ERROR,
+                 "%P:DeviceContBase::OnProcessNotification: get a notification with unexpected length %u\n", length);
+        if (KnGetTraceMask() & KN_TRACE_ERROR) {
+            KnHexDump(data, length);
+        }
+    } else {
+        UCHAR code = data[1];
+        USHORT value = ReadLe16(data + 2);
+        switch (code) {
+        case CDC_NOTIFICATION_NETWORK_CONNECTION:
+            KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::OnProcessNotification: adapter reports %s\n",
+                     value != 0 ? "connected" : "disconnected");
+            mDeviceNotify->NetworkStateChanged(value == 1);
+            break;
+        case CDC_NOTIFICATION_RESPONSE_AVAILABLE:
+            KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::OnProcessNotification: adapter reports RESPONSE_AVAILABLE\n");
+            break;
+        case CDC_NOTIFICATION_CONNECTION_SPEED_CHANGE:
+            if (length < DEVICECONT_SPEED_CHANGE_LENGTH) {
+                KN_TRACE(KN_TRACE_ERROR,
+                         "%P:DeviceContBase::OnProcessNotification: get CONNECTION_SPEED_CHANGE notification with "
+                         "unexpected length %u\n",
+                         length);
+                if (KnGetTraceMask() & KN_TRACE_ERROR) {
+                    KnHexDump(data, length);
+                }
+            } else {
+                ULONG upstream = ReadLe32(data + 8);
+                ULONG downstream = ReadLe32(data + 12);
+                KN_TRACE(KN_TRACE_INFO,
+                         "%P:DeviceContBase::OnProcessNotification: adapter reports CONNECTION_SPEED_CHANGE "
+                         "upstream:%u downstream:%u\n",
+                         upstream, downstream);
+                mDeviceNotify->ConnectionSpeedChanged(upstream, downstream);
+            }
+            break;
+        default:
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::OnProcessNotification: unexpected notification code %u\n",
+                     code);
+            break;
+        }
+    }
+
+    buffer->ReturnToPool();
+    mNotificationStream.ResubmitReadBuffers();
+}
