@@ -270,6 +270,15 @@ bool KnUsbConfiguration::AddInterfaceInfo(PUSBD_INTERFACE_INFORMATION ifInfo, PU
             InterfaceInfo::Destroy(ii);
             return false;
         }
+        // A descriptor of the endpoint type shorter than an endpoint
+        // descriptor would be read past its end (and past the block when it
+        // is the last one): refuse it like a missing one.
+        if (found->bLength < sizeof(USB_ENDPOINT_DESCRIPTOR)) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:KnUsbConfiguration::AddInterfaceInfo: FATAL: EP desc for pipe %u too short (%u)\n",
+                     pipe + 1, (ULONG)found->bLength);
+            InterfaceInfo::Destroy(ii);
+            return false;
+        }
         PUSB_ENDPOINT_DESCRIPTOR ep = (PUSB_ENDPOINT_DESCRIPTOR)found;
         PUSBD_PIPE_INFORMATION pi = &ii->mInterfaceInformation->Pipes[pipe];
         pi->EndpointAddress = ep->bEndpointAddress;

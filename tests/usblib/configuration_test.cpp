@@ -133,6 +133,15 @@ TEST_F(ConfigurationTest, NoEndpointDescriptorBehindTheLastOne) {
     EXPECT_TRUE(Traced("KnUsbConfiguration::AddInterfaceInfo: FATAL: no EP desc for pipe 2\n"));
 }
 
+TEST_F(ConfigurationTest, ShortEndpointDescriptorAtTheEndIsRefusedNotReadPast) {
+    // Type 5 with bLength 4 as the last bytes of the block: its
+    // wMaxPacketSize and bInterval would lie past the block.
+    mPdo.configDescriptor = Config({ConfigHeader(0, 1), InterfaceDesc(0, 0, 1, 0xFF, 0, 0), {4, 0x05, 0x81, 0x02}});
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Select());
+    EXPECT_TRUE(Traced("KnUsbConfiguration::AddInterfaceInfo: FATAL: EP desc for pipe 1 too short (4)\n"));
+    EXPECT_EQ(0u, LiveTag(KN_POOL_TAG_USB_CONFIG));
+}
+
 TEST_F(ConfigurationTest, EndpointsAreTakenInDescriptorOrderAcrossInterfaces) {
     // Interface 0 claims two endpoints but lists one; the walk takes the
     // next interface's endpoint as its second pipe.
