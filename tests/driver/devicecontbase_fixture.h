@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "devicecontbase.h"
+#include "fixture_common.h"
 #include "knpooltags.h"
 #include "kntrace.h"
 
@@ -119,72 +120,11 @@ private:
     std::vector<ULONG> mMulticastMaxAsked;
 };
 
-// Sits between the bus and the simulated function: logs every control
-// transfer and stalls the ones the test picks, without the function seeing
-// them.
-class WrapperDevice : public kplat::UsbDevice {
+// The pass-through device that can also answer chosen IN requests itself.
+class WrapperDevice : public drvtest::PassThroughDevice {
 public:
-    explicit WrapperDevice(ethsim::NcmDevice* inner) : mInner(inner) {}
+    using PassThroughDevice::PassThroughDevice;
 
-    void Attached(kplat::UsbDevicePort* port) override
-    {
-        mPort = port;
-        mInner->Attached(port);
-    }
-    void Detached() override
-    {
-        mInner->Detached();
-        mPort = nullptr;
-    }
-    kplat::UsbSpeed Speed() const override { return mInner->Speed(); }
-    void ControlTransfer(kplat::UsbControlTransfer* transfer) override
-    {
-        bool stall = false;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mSetups.push_back(transfer->setup);
-            if (mStallIf && mStallIf(transfer->setup)) {
-                stall = true;
-            }
-        }
-        if (stall) {
-            mPort->CompleteControl(transfer, true);
-            return;
-        }
-        Bytes answer;
-        bool answered = false;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mAnswerIf && mAnswerIf(transfer->setup)) {
-                answer = mAnswer;
-                answered = true;
-            }
-        }
-        if (answered) {
-            uint32_t n = std::min<uint32_t>((uint32_t)answer.size(), transfer->setup.wLength);
-            std::memcpy(transfer->data, answer.data(), n);
-            transfer->actual = n;
-            mPort->CompleteControl(transfer, false);
-            return;
-        }
-        mInner->ControlTransfer(transfer);
-    }
-    kplat::UsbHandshake OutPacket(uint8_t ep, const uint8_t* data, uint32_t length) override
-    {
-        return mInner->OutPacket(ep, data, length);
-    }
-    kplat::UsbHandshake InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length) override
-    {
-        return mInner->InPacket(ep, buffer, maxLength, length);
-    }
-    void EndpointAborted(uint8_t endpointAddress) override { mInner->EndpointAborted(endpointAddress); }
-
-    // Set only while the stand-in is idle.
-    void StallIf(std::function<bool(const kplat::UsbSetupPacket&)> predicate)
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mStallIf = std::move(predicate);
-    }
     // Answers the matching IN requests itself with these bytes.
     void AnswerIf(std::function<bool(const kplat::UsbSetupPacket&)> predicate, Bytes answer)
     {
@@ -192,37 +132,30 @@ public:
         mAnswerIf = std::move(predicate);
         mAnswer = std::move(answer);
     }
-    std::vector<kplat::UsbSetupPacket> Setups()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mSetups;
-    }
-    void ClearSetups()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mSetups.clear();
-    }
-    // The set-up packets with this bRequest (and, for 0x21/0xA1, to the
-    // communication interface).
+    // The set-up packets with this bRequest.
     std::vector<kplat::UsbSetupPacket> Requests(UCHAR request)
     {
         std::vector<kplat::UsbSetupPacket> out;
         for (const kplat::UsbSetupPacket& s : Setups()) {
-            if (s.bRequest == request) {
-                out.push_back(s);
-            }
+            if (s.bRequest == request) out.push_back(s);
         }
         return out;
     }
 
+protected:
+    bool Answer(kplat::UsbControlTransfer* transfer) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mAnswerIf || !mAnswerIf(transfer->setup)) return false;
+        uint32_t n = std::min<uint32_t>((uint32_t)mAnswer.size(), transfer->setup.wLength);
+        std::memcpy(transfer->data, mAnswer.data(), n);
+        transfer->actual = n;
+        return true;
+    }
+
 private:
-    ethsim::NcmDevice* mInner;
-    kplat::UsbDevicePort* mPort = nullptr;
-    std::mutex mMutex;
-    std::function<bool(const kplat::UsbSetupPacket&)> mStallIf;
     std::function<bool(const kplat::UsbSetupPacket&)> mAnswerIf;
     Bytes mAnswer;
-    std::vector<kplat::UsbSetupPacket> mSetups;
 };
 
 // A device control with the least that DeviceContBase needs around it:
@@ -365,43 +298,7 @@ private:
     int mTxPasses = 0;
 };
 
-// Keeps the delayed work queue's worker busy until Release, so that work
-// items queued meanwhile wait behind it (one worker per queue): what a test
-// schedules then runs only when the test says so.
-class DelayedQueueBlocker {
-public:
-    explicit DelayedQueueBlocker(PDEVICE_OBJECT deviceObject)
-    {
-        KeInitializeEvent(&mEvent, NotificationEvent, FALSE);
-        mItem = IoAllocateWorkItem(deviceObject);
-        IoQueueWorkItem(mItem, Routine, DelayedWorkQueue, this);
-    }
-    ~DelayedQueueBlocker()
-    {
-        Release();
-        IoFreeWorkItem(mItem);
-    }
-    void Release()
-    {
-        if (!mReleased) {
-            mReleased = true;
-            KeSetEvent(&mEvent, 0, FALSE);
-            kplat::RunUntilIdle();
-        }
-    }
-
-private:
-    static void Routine(PDEVICE_OBJECT deviceObject, PVOID context)
-    {
-        (void)deviceObject;
-        DelayedQueueBlocker* self = static_cast<DelayedQueueBlocker*>(context);
-        KeWaitForSingleObject(&self->mEvent, Executive, KernelMode, FALSE, NULL);
-    }
-
-    KEVENT mEvent;
-    PIO_WORKITEM mItem;
-    bool mReleased = false;
-};
+using drvtest::DelayedQueueBlocker;
 
 // A transfer buffer of exactly `bytes` bytes of pool memory in a pool of its
 // own, for feeding OnProcessNotification directly.
@@ -534,15 +431,7 @@ protected:
     }
 
     bool Traced(const std::string& text) const { return mCapture.Contains(text); }
-    size_t TraceCount(const std::string& text) const
-    {
-        std::string all = mCapture.Text();
-        size_t count = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1)) {
-            count++;
-        }
-        return count;
-    }
+    size_t TraceCount(const std::string& text) const { return drvtest::CountOccurrences(mCapture.Text(), text); }
 
     kplat::Scope mScope;  // virtual clock; stopped last
     kplat::DebugCapture mCapture;

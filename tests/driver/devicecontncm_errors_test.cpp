@@ -74,31 +74,27 @@ TEST_F(NcmErrorTest, ThreeErrorsWithinAMinuteShrinkTheReceiveSize)
     EXPECT_EQ(4u, Peer::RxErrorCount(*mCont)) << "the count survives Stop and Start";
 }
 
-TEST_F(NcmErrorTest, ErrorsFurtherApartThanAMinuteStartTheCountAgain)
+// Errors further apart than a minute start the count again; exactly a
+// minute apart counts as a new burst, 59.999 s does not.
+TEST_F(NcmErrorTest, ErrorsAMinuteApartStartTheCountAgain)
 {
     CreateAndStart();
     FailOneRead(1);            // 0 s
+    kplat::AdvanceTime(59999);
+    FailOneRead(2);            // 59.999 s: 2
+    EXPECT_EQ(2u, Peer::RxErrorCount(*mCont));
+    kplat::AdvanceTime(60000);
+    FailOneRead(3);            // a minute later: 1
+    EXPECT_EQ(1u, Peer::RxErrorCount(*mCont));
     kplat::AdvanceTime(70000);
-    FailOneRead(2);            // 70 s: the count starts again at 1
+    FailOneRead(4);            // 70 s later: 1
     EXPECT_EQ(1u, Peer::RxErrorCount(*mCont));
     kplat::AdvanceTime(10000);
-    FailOneRead(3);            // 80 s: 2
+    FailOneRead(5);            // 10 s later: 2
     EXPECT_EQ(2u, Peer::RxErrorCount(*mCont));
     EXPECT_EQ(16384u, Peer::InStream(*mCont).GetReadSize());
     EXPECT_EQ(16384u, mDevice->GetState().ntbInputSize);
     EXPECT_EQ(1u, mRecorder->CountRequests(0x86));
-}
-
-TEST_F(NcmErrorTest, ExactlyAMinuteApartCountsAsANewBurst)
-{
-    CreateAndStart();
-    FailOneRead(1);
-    kplat::AdvanceTime(59999);
-    FailOneRead(2);
-    EXPECT_EQ(2u, Peer::RxErrorCount(*mCont));
-    kplat::AdvanceTime(60000);
-    FailOneRead(3);
-    EXPECT_EQ(1u, Peer::RxErrorCount(*mCont));
 }
 
 TEST_F(NcmErrorTest, AfterRemovalTheStreamGoesQuiet)

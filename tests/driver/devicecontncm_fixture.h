@@ -28,6 +28,7 @@
 
 #include "devicecontncm.h"
 #include "devicecontncm_peer.h"
+#include "fixture_common.h"
 #include "knpooltags.h"
 #include "kntrace.h"
 #include "ntb_reference.h"
@@ -218,58 +219,27 @@ struct OutTransfer {
 // transfers (a transfer ends with a short or zero-length packet), can hold
 // the bulk OUT endpoint (every packet answered Nak until released), and
 // stalls chosen control transfers.
-class RecordingDevice : public kplat::UsbDevice {
+class RecordingDevice : public drvtest::PassThroughDevice {
 public:
-    RecordingDevice(ethsim::NcmDevice* inner, uint32_t maxPacket) : mInner(inner), mMaxPacket(maxPacket) {}
+    RecordingDevice(ethsim::NcmDevice* inner, uint32_t maxPacket) : PassThroughDevice(inner), mMaxPacket(maxPacket) {}
 
-    void Attached(kplat::UsbDevicePort* port) override
-    {
-        mPort = port;
-        mInner->Attached(port);
-    }
-    void Detached() override
-    {
-        mInner->Detached();
-        mPort = nullptr;
-    }
-    kplat::UsbSpeed Speed() const override { return mInner->Speed(); }
-    void ControlTransfer(kplat::UsbControlTransfer* transfer) override
-    {
-        bool stall = false;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            setups.push_back(transfer->setup);
-            stall = stallIf && stallIf(transfer->setup);
-        }
-        if (stall) {
-            mPort->CompleteControl(transfer, true);
-            return;
-        }
-        mInner->ControlTransfer(transfer);
-    }
     kplat::UsbHandshake OutPacket(uint8_t ep, const uint8_t* data, uint32_t length) override
     {
         bool bulkOut = ep == (kBulkOutEp & 0x7F);
         if (bulkOut) {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mHoldOut) {
-                return kplat::UsbHandshake::Nak;
-            }
+            if (mHoldOut) return kplat::UsbHandshake::Nak;
         }
         kplat::UsbHandshake h = mInner->OutPacket(ep, data, length);
         if (bulkOut && h == kplat::UsbHandshake::Ack) {
             std::lock_guard<std::mutex> lock(mMutex);
             mCurrent.insert(mCurrent.end(), data, data + length);
             if (length < mMaxPacket) {
-                transfers.push_back({mCurrent, length == 0});
+                mTransfers.push_back({mCurrent, length == 0});
                 mCurrent.clear();
             }
         }
         return h;
-    }
-    kplat::UsbHandshake InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length) override
-    {
-        return mInner->InPacket(ep, buffer, maxLength, length);
     }
     void EndpointAborted(uint8_t endpointAddress) override
     {
@@ -293,14 +263,17 @@ public:
             std::lock_guard<std::mutex> lock(mMutex);
             mHoldOut = false;
         }
-        if (mPort != nullptr) {
-            mPort->EndpointReady(kBulkOutEp);
-        }
+        if (mPort != nullptr) mPort->EndpointReady(kBulkOutEp);
     }
     std::vector<OutTransfer> Transfers()
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        return transfers;
+        return mTransfers;
+    }
+    void ClearTransfers()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mTransfers.clear();
     }
     // The transfers that carried an NTB (zero-length packets left out).
     std::vector<Bytes> Ntbs()
@@ -311,11 +284,7 @@ public:
         }
         return out;
     }
-    std::vector<kplat::UsbSetupPacket> Setups()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return setups;
-    }
+    // Class requests with this bRequest (and wValue, unless negative).
     size_t CountRequests(uint8_t bRequest, int wValue = -1)
     {
         size_t n = 0;
@@ -324,24 +293,18 @@ public:
         }
         return n;
     }
-    void Configure(std::function<void()> change)
+    // Stalls the class or standard requests with this bRequest (and wValue,
+    // unless negative).
+    void StallRequest(uint8_t bRequest, int wValue = -1)
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        change();
+        StallIf([=](const kplat::UsbSetupPacket& s) { return s.bRequest == bRequest && (wValue < 0 || s.wValue == wValue); });
     }
 
-    // Guarded by mMutex (Configure / the accessors above).
-    std::function<bool(const kplat::UsbSetupPacket&)> stallIf;
-    std::vector<kplat::UsbSetupPacket> setups;
-    std::vector<OutTransfer> transfers;
-
 private:
-    ethsim::NcmDevice* mInner;
     uint32_t mMaxPacket;
-    kplat::UsbDevicePort* mPort = nullptr;
-    std::mutex mMutex;
     bool mHoldOut = false;
     Bytes mCurrent;
+    std::vector<OutTransfer> mTransfers;
 };
 
 // A datagram table entry of an NTB as the device's checker would read it.
@@ -492,15 +455,7 @@ protected:
     void FromNetwork(const Bytes& frame) { mDevice->OnFrame(frame.data(), frame.size()); }
 
     bool Traced(const std::string& text) const { return mCapture.Contains(text); }
-    size_t TraceCount(const std::string& text) const
-    {
-        std::string all = mCapture.Text();
-        size_t count = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1)) {
-            count++;
-        }
-        return count;
-    }
+    size_t TraceCount(const std::string& text) const { return drvtest::CountOccurrences(mCapture.Text(), text); }
     // Every NTB the host sent passed the device's checks.
     void ExpectConformingNtbs()
     {

@@ -125,62 +125,54 @@ TEST_F(NcmInitTest, TheDataInterfaceFirstIsNotAnNcmFunction)
     EXPECT_EQ(0u, mRecorder->CountRequests(0x80)) << "nothing asked of the device";
 }
 
-TEST_F(NcmInitTest, AnEcmCommunicationInterfaceIsNotAnNcmFunction)
+// Broken descriptors: Init fails with the trace and gives the
+// configuration up.
+TEST_F(NcmInitTest, BrokenDescriptorsFailInit)
 {
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) { d[1][6] = 0x06; });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: this is not a NCM interface class:02, subclass:06, "
-                                "Prot:00 \n");
-}
-
-TEST_F(NcmInitTest, NoInterfaceAtAll)
-{
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) {
-        d.resize(1);
-        d[0][4] = 0;
-    });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: Cannot get first interface descriptor\n");
-}
-
-TEST_F(NcmInitTest, MissingEthernetFunctionalDescriptor)
-{
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) {
-        d.erase(std::remove_if(d.begin(), d.end(), [](const Bytes& x) { return IsFunctional(x, 0x0F); }), d.end());
-    });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: cannot find the Ethernet functional descriptor\n");
-}
-
-TEST_F(NcmInitTest, AShortEthernetFunctionalDescriptorReportsNoFrameSize)
-{
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) {
-        for (Bytes& x : d) {
-            if (IsFunctional(x, 0x0F)) {
-                x.resize(8);
-                x[0] = 8;
-            }
-        }
-    });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: device reports frame size that is too small: 0\n");
-}
-
-TEST_F(NcmInitTest, AFrameSizeBelow64IsRefused)
-{
-    ethsim::DeviceProfile p;
-    p.wMaxSegmentSize = 63;
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: device reports frame size that is too small: 63\n");
-}
-
-TEST_F(NcmInitTest, MissingNcmFunctionalDescriptor)
-{
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) {
-        d.erase(std::remove_if(d.begin(), d.end(), [](const Bytes& x) { return IsFunctional(x, 0x1A); }), d.end());
-    });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: cannot find the NCM functional descriptor\n");
+    auto remove = [](uint8_t subtype) {
+        return [subtype](std::vector<Bytes>& d) {
+            d.erase(std::remove_if(d.begin(), d.end(), [&](const Bytes& x) { return IsFunctional(x, subtype); }),
+                    d.end());
+        };
+    };
+    ethsim::DeviceProfile smallFrames;
+    smallFrames.wMaxSegmentSize = 63;
+    const std::vector<std::pair<ethsim::DeviceProfile, std::string>> cases = {
+        // An ECM communication interface.
+        {WithConfig([](std::vector<Bytes>& d) { d[1][6] = 0x06; }),
+         "this is not a NCM interface class:02, subclass:06, Prot:00 \n"},
+        {WithConfig([](std::vector<Bytes>& d) {
+             d.resize(1);
+             d[0][4] = 0;
+         }),
+         "Cannot get first interface descriptor\n"},
+        {WithConfig(remove(0x0F)), "cannot find the Ethernet functional descriptor\n"},
+        // An Ethernet descriptor of 8 bytes has no frame size.
+        {WithConfig([](std::vector<Bytes>& d) {
+             for (Bytes& x : d) {
+                 if (IsFunctional(x, 0x0F)) {
+                     x.resize(8);
+                     x[0] = 8;
+                 }
+             }
+         }),
+         "device reports frame size that is too small: 0\n"},
+        {smallFrames, "device reports frame size that is too small: 63\n"},
+        {WithConfig(remove(0x1A)), "cannot find the NCM functional descriptor\n"},
+        // The data interface is vendor-specific.
+        {WithConfig([](std::vector<Bytes>& d) {
+             for (Bytes& x : d) {
+                 if (x[1] == 4 && x[5] == 0x0A) x[5] = 0xFF;
+             }
+         }),
+         "LookupInterfaceInfo for data interface failed: \n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.second);
+        Destroy();
+        mCapture.Take();
+        ExpectInitFailsUnconfigured(c.first, STATUS_UNSUCCESSFUL, "ethbrg:DeviceContNcm::Init: " + c.second);
+    }
 }
 
 TEST_F(NcmInitTest, AnNcmDescriptorOfType0x22IsAccepted)
@@ -191,17 +183,6 @@ TEST_F(NcmInitTest, AnNcmDescriptorOfType0x22IsAccepted)
     ASSERT_NE(nullptr, Peer::NcmDescriptor(*mCont));
     EXPECT_EQ(0x22, Peer::NcmDescriptor(*mCont)[1]);
     EXPECT_EQ(1u, mRecorder->CountRequests(0x8A, 0)) << "its capabilities are read";
-}
-
-TEST_F(NcmInitTest, NoDataInterfaceGivesTheConfigurationUp)
-{
-    ethsim::DeviceProfile p = WithConfig([](std::vector<Bytes>& d) {
-        for (Bytes& x : d) {
-            if (x[1] == 4 && x[5] == 0x0A) x[5] = 0xFF;  // the data interface is vendor-specific now
-        }
-    });
-    ExpectInitFailsUnconfigured(p, STATUS_UNSUCCESSFUL,
-                                "ethbrg:DeviceContNcm::Init: LookupInterfaceInfo for data interface failed: \n");
 }
 
 TEST_F(NcmInitTest, TwentySixBytesOfNtbParametersFailInitAndGiveTheConfigurationUp)
@@ -216,7 +197,7 @@ TEST_F(NcmInitTest, TwentySixBytesOfNtbParametersFailInitAndGiveTheConfiguration
 TEST_F(NcmInitTest, AStalledGetNtbParametersFailsInit)
 {
     Plug();
-    mRecorder->Configure([&] { mRecorder->stallIf = [](const kplat::UsbSetupPacket& s) { return s.bRequest == 0x80; }; });
+    mRecorder->StallRequest(0x80);
     EXPECT_NE(STATUS_SUCCESS, CreateOnly());
     EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::Init: GetNtbParameters failed: "));
     EXPECT_EQ(0, mBus->ConfigurationValue());
@@ -322,7 +303,7 @@ TEST_F(NcmInitTest, TheDatagramLimitOfTheDevice)
 TEST_F(NcmInitTest, SetNtbFormatRefusedUnderNtb16StartsAnyway)
 {
     Plug(Ntb16Profile());
-    mRecorder->Configure([&] { mRecorder->stallIf = [](const kplat::UsbSetupPacket& s) { return s.bRequest == 0x84; }; });
+    mRecorder->StallRequest(0x84);
     ASSERT_EQ(STATUS_SUCCESS, CreateOnly());
     EXPECT_EQ(STATUS_SUCCESS, Start());
     EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::Start: SetNtbFormat failed: 0xC0000001"));
@@ -336,7 +317,7 @@ TEST_F(NcmInitTest, SetNtbFormatRefusedUnderNtb16StartsAnyway)
 TEST_F(NcmInitTest, SetNtbFormatRefusedUnderNtb32FailsStart)
 {
     Plug();
-    mRecorder->Configure([&] { mRecorder->stallIf = [](const kplat::UsbSetupPacket& s) { return s.bRequest == 0x84; }; });
+    mRecorder->StallRequest(0x84);
     ASSERT_EQ(STATUS_SUCCESS, CreateOnly());
     EXPECT_EQ(STATUS_UNSUCCESSFUL, Start());
     EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::Start: SetNtbFormat failed: 0xC0000001"));
@@ -348,8 +329,7 @@ TEST_F(NcmInitTest, SetNtbInputSizeOrSetCrcModeRefusedFailsStart)
     for (uint8_t request : {0x86, 0x8A}) {
         Destroy();
         Plug();
-        mRecorder->Configure(
-            [&] { mRecorder->stallIf = [request](const kplat::UsbSetupPacket& s) { return s.bRequest == request; }; });
+        mRecorder->StallRequest(request);
         ASSERT_EQ(STATUS_SUCCESS, CreateOnly());
         EXPECT_EQ(STATUS_UNSUCCESSFUL, Start());
         EXPECT_TRUE(Traced(request == 0x86 ? "ethbrg:DeviceContNcm::Start: SetNtbInputSize failed: 0xC0000001"
@@ -361,9 +341,7 @@ TEST_F(NcmInitTest, SetNtbInputSizeOrSetCrcModeRefusedFailsStart)
 TEST_F(NcmInitTest, SelectingTheDataInterfaceFails)
 {
     Plug();
-    mRecorder->Configure([&] {
-        mRecorder->stallIf = [](const kplat::UsbSetupPacket& s) { return s.bRequest == 0x0B && s.wValue == 1; };
-    });
+    mRecorder->StallRequest(0x0B, 1);
     ASSERT_EQ(STATUS_SUCCESS, CreateOnly());
     EXPECT_NE(STATUS_SUCCESS, Start());
     EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::Start: SelectInterface failed: "));
@@ -379,7 +357,7 @@ TEST_F(NcmInitTest, TheRegistryAddressGoesToTheDeviceAndItsFailureDoesNotStopSta
     EXPECT_EQ(0, std::memcmp(s.netAddress.data(), address, 6));
     Destroy();
     Plug();
-    mRecorder->Configure([&] { mRecorder->stallIf = [](const kplat::UsbSetupPacket& s) { return s.bRequest == 0x82; }; });
+    mRecorder->StallRequest(0x82);
     ASSERT_EQ(STATUS_SUCCESS, CreateOnly());
     EXPECT_EQ(STATUS_SUCCESS, Start());
 }

@@ -65,30 +65,24 @@ protected:
     Form HostForm() { return IsNtb32() ? Form::Ntb32 : Form::Ntb16; }
 };
 
-TEST_F(NcmRxTest, FramesFromTheNetworkArriveInOrderUnderNtb32)
+TEST_F(NcmRxTest, FramesFromTheNetworkArriveInOrder)
 {
-    CreateAndStart();
-    ASSERT_TRUE(IsNtb32());
-    std::vector<Bytes> frames = Frames(40, 60, 1);
-    for (const Bytes& f : frames) FromNetwork(f);
-    kplat::RunUntilIdle();
-    EXPECT_EQ(frames, mAdapter.ReceivedData());
-    EXPECT_EQ(0u, mAdapter.secondDatagramWhileOutstanding);
-    for (const RxFrame& f : mAdapter.Received()) {
-        EXPECT_TRUE(f.viewConsistent);
-        EXPECT_EQ(f.size, f.length);
+    for (bool ntb32 : {true, false}) {
+        SCOPED_TRACE(ntb32 ? "NTB32" : "NTB16");
+        Destroy();
+        CreateAndStart(ntb32 ? ethsim::DeviceProfile() : Ntb16Profile());
+        ASSERT_EQ(ntb32, IsNtb32());
+        mAdapter.ClearReceived();
+        std::vector<Bytes> frames = Frames(40, ntb32 ? 60 : 1400, ntb32 ? 1 : 2);
+        for (const Bytes& f : frames) FromNetwork(f);
+        kplat::RunUntilIdle();
+        EXPECT_EQ(frames, mAdapter.ReceivedData());
+        EXPECT_EQ(0u, mAdapter.secondDatagramWhileOutstanding);
+        for (const RxFrame& f : mAdapter.Received()) {
+            EXPECT_TRUE(f.viewConsistent);
+            EXPECT_EQ(f.size, f.length);
+        }
     }
-}
-
-TEST_F(NcmRxTest, FramesFromTheNetworkArriveInOrderUnderNtb16)
-{
-    CreateAndStart(Ntb16Profile());
-    ASSERT_FALSE(IsNtb32());
-    std::vector<Bytes> frames = Frames(40, 1400, 2);
-    for (const Bytes& f : frames) FromNetwork(f);
-    kplat::RunUntilIdle();
-    EXPECT_EQ(frames, mAdapter.ReceivedData());
-    EXPECT_EQ(0u, mAdapter.secondDatagramWhileOutstanding);
 }
 
 TEST_F(NcmRxTest, ChainedNdpsOfTheDeviceDeliverEveryDatagramInOrder)
@@ -140,30 +134,29 @@ TEST_F(NcmRxTest, TwoDatagramsInEachOfThreeNtbsGiveSixCallsAndEachBufferReturnsA
     EXPECT_EQ(mConfig.RxBuffers, in.GetPendingCount());
 }
 
-TEST_F(NcmRxTest, AnNtb16BlockIsNotAcceptedUnderNtb32AndTheBufferGoesBackOnThePipe)
+// A block of the other format is refused, its buffer goes back on the pipe
+// and the next NTB is taken as usual.
+TEST_F(NcmRxTest, ABlockOfTheOtherFormatIsNotAccepted)
 {
-    CreateAndStart();
-    Inject(BuildNtb(Form::Ntb16, {Frames(1, 60, 5)}));
-    kplat::RunUntilIdle();
-    EXPECT_TRUE(mAdapter.Received().empty());
-    EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::InitNdp32EnumeratorFromBuffer: invalid NTH signature: 0x484d434e\n"))
-        << mCapture.Text();
-    EXPECT_EQ(mConfig.RxBuffers, Peer::InStream(*mCont).GetPendingCount());
-    // The next NTB is taken as usual.
-    std::vector<Bytes> frames = Frames(2, 60, 6);
-    Inject(BuildNtb(Form::Ntb32, {frames}));
-    kplat::RunUntilIdle();
-    EXPECT_EQ(frames, mAdapter.ReceivedData());
-}
-
-TEST_F(NcmRxTest, AnNtb32BlockIsNotAcceptedUnderNtb16)
-{
-    CreateAndStart(Ntb16Profile());
-    Inject(BuildNtb(Form::Ntb32, {Frames(1, 60, 7)}));
-    kplat::RunUntilIdle();
-    EXPECT_TRUE(mAdapter.Received().empty());
-    EXPECT_TRUE(Traced("ethbrg:DeviceContNcm::InitNdp16EnumeratorFromBuffer: invalid NTH signature: 0x686d636e\n"))
-        << mCapture.Text();
+    for (bool ntb32 : {true, false}) {
+        SCOPED_TRACE(ntb32 ? "NTB32" : "NTB16");
+        Destroy();
+        CreateAndStart(ntb32 ? ethsim::DeviceProfile() : Ntb16Profile());
+        mAdapter.ClearReceived();
+        Inject(BuildNtb(ntb32 ? Form::Ntb16 : Form::Ntb32, {Frames(1, 60, 5)}));
+        kplat::RunUntilIdle();
+        EXPECT_TRUE(mAdapter.Received().empty());
+        EXPECT_TRUE(Traced(ntb32 ? "ethbrg:DeviceContNcm::InitNdp32EnumeratorFromBuffer: invalid NTH signature: "
+                                   "0x484d434e\n"
+                                 : "ethbrg:DeviceContNcm::InitNdp16EnumeratorFromBuffer: invalid NTH signature: "
+                                   "0x686d636e\n"))
+            << mCapture.Text();
+        EXPECT_EQ(mConfig.RxBuffers, Peer::InStream(*mCont).GetPendingCount());
+        std::vector<Bytes> frames = Frames(2, 60, 6);
+        Inject(BuildNtb(HostForm(), {frames}));
+        kplat::RunUntilIdle();
+        EXPECT_EQ(frames, mAdapter.ReceivedData());
+    }
 }
 
 TEST_F(NcmRxTest, AnNtb16Of23BytesIsRejectedByItsLength)
@@ -194,33 +187,30 @@ TEST_F(NcmRxTest, ASecondNdpOutsideTheTransferDeliversTheFirstOnly)
     EXPECT_EQ(mConfig.RxBuffers, Peer::InStream(*mCont).GetPendingCount());
 }
 
+// With-CRC signatures: the last four bytes of each datagram are dropped (a
+// datagram of four bytes keeps them), with a trace once per datagram that
+// names the NDP format.
 TEST_F(NcmRxTest, WithCrcSignatureTheLastFourBytesAreDroppedOncePerDatagram)
 {
-    CreateAndStart(Ntb16Profile());
-    Bytes big = MakeFrame(64, 12), tiny = {1, 2, 3, 4};
-    Inject(BuildNtb(Form::Ntb16, {{big, tiny, big}}, true));
-    kplat::RunUntilIdle();
-    std::vector<RxFrame> got = mAdapter.Received();
-    ASSERT_EQ(3u, got.size());
-    EXPECT_EQ(64u, got[0].size);
-    EXPECT_EQ(60u, got[0].length);
-    EXPECT_EQ(Bytes(big.begin(), big.begin() + 60), got[0].data);
-    EXPECT_EQ(4u, got[1].size);
-    EXPECT_EQ(4u, got[1].length);
-    EXPECT_EQ(2u, TraceCount("ethbrg:DeviceContNcm::ProcessRxBuffers: the device sends NDP16 with CRC but it is "
-                             "configured to send without!\n"));
-}
-
-TEST_F(NcmRxTest, WithCrcSignatureUnderNtb32TheTraceNamesNdp32)
-{
-    CreateAndStart();
-    Inject(BuildNtb(Form::Ntb32, {{MakeFrame(100, 13)}}, true));
-    kplat::RunUntilIdle();
-    std::vector<RxFrame> got = mAdapter.Received();
-    ASSERT_EQ(1u, got.size());
-    EXPECT_EQ(96u, got[0].length);
-    EXPECT_EQ(1u, TraceCount("ethbrg:DeviceContNcm::ProcessRxBuffers: the device sends NDP32 with CRC but it is "
-                             "configured to send without!\n"));
+    for (bool ntb32 : {false, true}) {
+        SCOPED_TRACE(ntb32 ? "NTB32" : "NTB16");
+        Destroy();
+        CreateAndStart(ntb32 ? ethsim::DeviceProfile() : Ntb16Profile());
+        mAdapter.ClearReceived();
+        mCapture.Take();
+        Bytes big = MakeFrame(64, 12), tiny = {1, 2, 3, 4};
+        Inject(BuildNtb(HostForm(), {{big, tiny, big}}, true));
+        kplat::RunUntilIdle();
+        std::vector<RxFrame> got = mAdapter.Received();
+        ASSERT_EQ(3u, got.size());
+        EXPECT_EQ(64u, got[0].size);
+        EXPECT_EQ(60u, got[0].length);
+        EXPECT_EQ(Bytes(big.begin(), big.begin() + 60), got[0].data);
+        EXPECT_EQ(4u, got[1].size);
+        EXPECT_EQ(4u, got[1].length);
+        EXPECT_EQ(2u, TraceCount(std::string("ethbrg:DeviceContNcm::ProcessRxBuffers: the device sends ") +
+                                 (ntb32 ? "NDP32" : "NDP16") + " with CRC but it is configured to send without!\n"));
+    }
 }
 
 TEST_F(NcmRxTest, PayloadBytesHandedOverAreCountedForTheBandwidthTick)

@@ -33,9 +33,14 @@ protected:
     }
 };
 
-TEST_F(NcmTxTest, OnePacketOnAnIdlePipeLeavesAtOnce)
+// In immediate mode (false) and in timer mode (true) alike.
+class NcmTxIdleTest : public NcmTxTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(NcmTxIdleTest, OnePacketOnAnIdlePipeLeavesAtOnce)
 {
+    if (GetParam()) mConfig.NcmTxPeriod = 8;
     CreateAndStart();
+    Peer::SetSendTimerBased(*mCont, GetParam());
     Bytes frame = MakeFrame(60, 1);
     Send(frame);
     kplat::RunUntilIdle();
@@ -45,17 +50,7 @@ TEST_F(NcmTxTest, OnePacketOnAnIdlePipeLeavesAtOnce)
     EXPECT_EQ(std::vector<ULONG>(mAdapter.maxLengths.size(), 1514), mAdapter.maxLengths);
     ExpectConformingNtbs();
 }
-
-TEST_F(NcmTxTest, OnePacketOnAnIdlePipeLeavesAtOnceAlsoInTimerMode)
-{
-    mConfig.NcmTxPeriod = 8;
-    CreateAndStart();
-    Peer::SetSendTimerBased(*mCont, true);
-    Send(MakeFrame(100, 2));
-    kplat::RunUntilIdle();
-    EXPECT_EQ(std::vector<size_t>{1}, DatagramCounts());
-    ExpectConformingNtbs();
-}
+INSTANTIATE_TEST_SUITE_P(Modes, NcmTxIdleTest, ::testing::Bool());
 
 TEST_F(NcmTxTest, PacketsArrivingWhileAnNtbIsInFlightGatherAndLeaveWhenItCompletes)
 {
@@ -271,7 +266,7 @@ TEST_F(NcmTxTest, OneByteTerminationAndZeroLengthPackets)
             EXPECT_TRUE(t[0].zlp) << "a zero-length packet ends the transfer";
         }
         ExpectConformingNtbs();
-        mRecorder->Configure([&] { mRecorder->transfers.clear(); });
+        mRecorder->ClearTransfers();
     }
 }
 
@@ -327,7 +322,7 @@ TEST_F(NcmTxTest, BuiltNtbsMatchTheReferenceEncoder)
         p.ntb.dwNtbOutMaxSize = k.outMax;
         mConfig.OneByteTermination = k.oneByte;
         CreateAndStart(p);
-        mRecorder->Configure([&] { mRecorder->transfers.clear(); });
+        mRecorder->ClearTransfers();
         // A first NTB in flight, so that the queue is taken in one run.
         mRecorder->HoldOut();
         Send(MakeFrame(60, 7));

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "fixture_common.h"
 #include "knpooltags.h"
 #include "kntrace.h"
 #include "knusbconfiguration.h"
@@ -344,48 +345,7 @@ private:
     std::vector<PIRP> mHeld;
 };
 
-// Keeps the worker of the delayed work queue busy until Release, so that a
-// restart queued meanwhile runs only when the test says so. While a work
-// item waits behind it the stand-in is never idle: wait for events instead
-// of RunUntilIdle until Release.
-class DelayedQueueBlocker {
-public:
-    explicit DelayedQueueBlocker(PDEVICE_OBJECT deviceObject)
-    {
-        KeInitializeEvent(&mEvent, NotificationEvent, FALSE);
-        mItem = IoAllocateWorkItem(deviceObject);
-        IoQueueWorkItem(mItem, Routine, DelayedWorkQueue, this);
-        kplat::RunUntilIdle();
-    }
-    ~DelayedQueueBlocker()
-    {
-        Release();
-        IoFreeWorkItem(mItem);
-    }
-    DelayedQueueBlocker(const DelayedQueueBlocker&) = delete;
-    DelayedQueueBlocker& operator=(const DelayedQueueBlocker&) = delete;
-
-    void Release()
-    {
-        if (!mReleased) {
-            mReleased = true;
-            KeSetEvent(&mEvent, 0, FALSE);
-            kplat::RunUntilIdle();
-        }
-    }
-
-private:
-    static void Routine(PDEVICE_OBJECT deviceObject, PVOID context)
-    {
-        (void)deviceObject;
-        DelayedQueueBlocker* self = static_cast<DelayedQueueBlocker*>(context);
-        KeWaitForSingleObject(&self->mEvent, Executive, KernelMode, FALSE, nullptr);
-    }
-
-    KEVENT mEvent;
-    PIO_WORKITEM mItem;
-    bool mReleased = false;
-};
+using drvtest::DelayedQueueBlocker;
 
 // A valid NTB16 of exactly `length` bytes carrying one Ethernet frame, for
 // the default rules of the simulated function (divisor 4, remainder 0,
@@ -475,13 +435,7 @@ protected:
     uint64_t Submitted() const { return mBus.Stats().urbsSubmitted; }
 
     // How often the text occurs in the trace output.
-    size_t Count(const std::string& needle) const
-    {
-        const std::string text = mCapture.Text();
-        size_t n = 0;
-        for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) n++;
-        return n;
-    }
+    size_t Count(const std::string& needle) const { return drvtest::CountOccurrences(mCapture.Text(), needle); }
     bool Traced(const std::string& needle) const { return mCapture.Contains(needle); }
     // CLEAR_FEATURE(ENDPOINT_HALT) requests the function saw for an endpoint.
     size_t ClearHalts(UCHAR ep)

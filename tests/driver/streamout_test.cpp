@@ -24,46 +24,43 @@ protected:
 // Zero-length packets
 // ---------------------------------------------------------------------------
 
-TEST_F(StreamOutTest, WriteOfTwoFullPacketsIsFollowedByAZeroLengthPacket)
+// A write ending on a packet boundary (1024 = 512 + 512) is followed by a
+// zero-length packet and a second BufferSent; one ending short (1000 =
+// 512 + 488) is not. Without the zero-length packet the next block would
+// run into this one.
+TEST_F(StreamOutTest, ZeroLengthPacketOnlyAfterAWriteEndingOnAPacketBoundary)
 {
+    struct Case {
+        uint32_t length;
+        size_t sent;
+        uint64_t packets;
+    };
     StartOut();
     ASSERT_EQ(kBulkMaxPacket, mOutStream->GetMaximumPacketSize());
-    const Bytes ntb = MakeNtb(1024, 0);
-    ASSERT_EQ(1024u, ntb.size());
-    const size_t sentBefore = mOut.Count();
-    const uint64_t packetsBefore = mBus.Stats().packetsOut;
+    uint16_t sequence = 0;
+    for (const Case& c : {Case{1024, 2, 3}, Case{1000, 1, 2}}) {
+        SCOPED_TRACE(c.length);
+        const Bytes ntb = MakeNtb(c.length, sequence++);
+        ASSERT_EQ(c.length, ntb.size());
+        const size_t sentBefore = mOut.Count();
+        const uint64_t packetsBefore = mBus.Stats().packetsOut;
+        const uint64_t ntbsBefore = mDev.Traffic().outNtbs;
 
-    Write(ntb);
-    EXPECT_EQ(sentBefore + 2, mOut.Count()) << "BufferSent for the data and for the zero-length packet";
-    EXPECT_EQ(packetsBefore + 3, mBus.Stats().packetsOut) << "512 + 512 + 0";
-    EXPECT_EQ(1u, mDev.Traffic().outNtbs);
-    EXPECT_EQ(1u, mDev.Traffic().outDatagrams);
-    EXPECT_EQ(0u, Violations()) << Report();
-    EXPECT_EQ(2u, mOutStream->GetBufPool()->GetCurrentCount());
-    EXPECT_EQ(3u, mOutStream->GetZlpPool()->GetCurrentCount());
+        Write(ntb);
+        EXPECT_EQ(sentBefore + c.sent, mOut.Count());
+        EXPECT_EQ(packetsBefore + c.packets, mBus.Stats().packetsOut);
+        EXPECT_EQ(ntbsBefore + 1, mDev.Traffic().outNtbs);
+        EXPECT_EQ(0u, Violations()) << Report();
+        EXPECT_EQ(2u, mOutStream->GetBufPool()->GetCurrentCount());
+        EXPECT_EQ(3u, mOutStream->GetZlpPool()->GetCurrentCount());
+        for (const SentEvent& e : mOut.Events()) {
+            EXPECT_EQ(STATUS_SUCCESS, e.status);
+            EXPECT_FALSE(e.removed);
+        }
 
-    // Without the zero-length packet the next block would run into this one.
-    Write(MakeNtb(1000, 1));
-    EXPECT_EQ(2u, mDev.Traffic().outNtbs);
-    EXPECT_EQ(0u, Violations()) << Report();
-}
-
-TEST_F(StreamOutTest, WriteThatEndsShortHasNoZeroLengthPacket)
-{
-    StartOut();
-    const Bytes ntb = MakeNtb(1000, 0);
-    ASSERT_EQ(1000u, ntb.size());
-    const size_t sentBefore = mOut.Count();
-    const uint64_t packetsBefore = mBus.Stats().packetsOut;
-
-    Write(ntb);
-    EXPECT_EQ(sentBefore + 1, mOut.Count());
-    EXPECT_EQ(packetsBefore + 2, mBus.Stats().packetsOut) << "512 + 488";
-    EXPECT_EQ(1u, mDev.Traffic().outNtbs);
-    EXPECT_EQ(0u, Violations()) << Report();
-    for (const SentEvent& e : mOut.Events()) {
-        EXPECT_EQ(STATUS_SUCCESS, e.status);
-        EXPECT_FALSE(e.removed);
+        Write(MakeNtb(1000, sequence++));
+        EXPECT_EQ(ntbsBefore + 2, mDev.Traffic().outNtbs);
+        EXPECT_EQ(0u, Violations()) << Report();
     }
 }
 

@@ -24,15 +24,7 @@ protected:
         KnSetTraceMask(KN_TRACE_MASK_DEFAULT);
         KnSetTracePrefix("ethbrg");
         kplat::RegistryClear();
-        std::string error;
-        ASSERT_EQ(kplat::RegistryLoadText(std::string("[") + kKeyPath +
-                                              "]\n"
-                                              "\"TraceMask\"=dword:0000001f\n"
-                                              "\"Text\"=\"a string\"\n"
-                                              "\"Blob\"=hex:01,02,03,04\n",
-                                          &error),
-                  STATUS_SUCCESS)
-            << error;
+        LoadRegistry();
         mKeysBefore = kplat::GetObjectCounts().keyHandles;
     }
     void TearDown() override
@@ -43,6 +35,18 @@ protected:
         KnSetTracePrefix(NULL);
     }
 
+    void LoadRegistry()
+    {
+        std::string error;
+        ASSERT_EQ(kplat::RegistryLoadText(std::string("[") + kKeyPath +
+                                              "]\n"
+                                              "\"TraceMask\"=dword:0000001f\n"
+                                              "\"Text\"=\"a string\"\n"
+                                              "\"Blob\"=hex:01,02,03,04\n",
+                                          &error),
+                  STATUS_SUCCESS)
+            << error;
+    }
     // Sets a value of any type and size through a writable handle.
     void SetRaw(const WCHAR* name, ULONG type, const void* data, ULONG size)
     {
@@ -61,108 +65,59 @@ protected:
 
 class KnRegistryKeyTest : public RegistryTest {};
 
-TEST_F(KnRegistryKeyTest, OpenAndClose)
-{
-    KnRegistryKey key;
-    EXPECT_FALSE(key.IsValid());
-    EXPECT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    EXPECT_TRUE(key.IsValid());
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore + 1);
-    EXPECT_EQ(key.Close(), STATUS_SUCCESS);
-    EXPECT_FALSE(key.IsValid());
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnRegistryKeyTest, CloseOfAClosedKeySucceedsAndDoesNothing)
-{
-    KnRegistryKey key;
-    EXPECT_EQ(key.Close(), STATUS_SUCCESS);
-    EXPECT_EQ(key.Close(), STATUS_SUCCESS);
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnRegistryKeyTest, OpenOfAMissingKeyFailsQuietly)
-{
-    KnRegistryKey key;
-    NTSTATUS status = key.OpenKey(kMissingKeyW, KEY_READ);
-    EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_FALSE(key.IsValid());
-    EXPECT_EQ(mCapture.Text(), "") << "the caller traces";
-}
-
-TEST_F(KnRegistryKeyTest, OpenAgainClosesTheFirstKey)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore + 1);
-    // A failed open leaves no key open.
-    EXPECT_FALSE(NT_SUCCESS(key.OpenKey(kMissingKeyW, KEY_READ)));
-    EXPECT_FALSE(key.IsValid());
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
-}
-
-TEST_F(KnRegistryKeyTest, DestructorClosesTheKey)
+TEST_F(KnRegistryKeyTest, OpenCloseAndReopen)
 {
     {
         KnRegistryKey key;
+        EXPECT_FALSE(key.IsValid());
+        EXPECT_EQ(key.Close(), STATUS_SUCCESS) << "closing a closed key does nothing";
+        EXPECT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
+        EXPECT_TRUE(key.IsValid());
+        EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore + 1);
+        EXPECT_EQ(key.Close(), STATUS_SUCCESS);
+        EXPECT_FALSE(key.IsValid());
+        EXPECT_EQ(key.Close(), STATUS_SUCCESS);
+        EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
+        // Opening again closes the first key; a failed open leaves none open.
+        ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
+        ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
+        EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore + 1);
+        EXPECT_FALSE(NT_SUCCESS(key.OpenKey(kMissingKeyW, KEY_READ)));
+        EXPECT_FALSE(key.IsValid());
+        EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
         ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
     }
-    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore);
+    EXPECT_EQ(kplat::GetObjectCounts().keyHandles, mKeysBefore) << "the destructor closes the key";
+    EXPECT_EQ(mCapture.Text(), "") << "the caller traces";
 }
 
-TEST_F(KnRegistryKeyTest, QueryDwordReadsAnExistingValue)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_EQ(key.QueryDword(u"TraceMask", &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, 0x1Fu);
-    EXPECT_EQ(key.QueryDword(u"tracemask", &value), STATUS_SUCCESS) << "value names ignore case";
-}
-
-TEST_F(KnRegistryKeyTest, QueryDwordOfAMissingValueLeavesTheResultAlone)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_EQ(key.QueryDword(u"Missing", &value), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(value, 0xDEADu);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnRegistryKeyTest, QueryDwordOfAStringIsATypeMismatch)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_EQ(key.QueryDword(u"Text", &value), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(value, 0u);
-    EXPECT_EQ(key.QueryDword(u"Blob", &value), STATUS_OBJECT_TYPE_MISMATCH);
-}
-
-TEST_F(KnRegistryKeyTest, QueryDwordOfTwoBytesFails)
+TEST_F(KnRegistryKeyTest, QueryDword)
 {
     const USHORT shortValue = 0x1234;
     SetRaw(u"Short", REG_DWORD, &shortValue, sizeof(shortValue));
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_EQ(key.QueryDword(u"Short", &value), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(value, 0u);
-}
-
-TEST_F(KnRegistryKeyTest, QueryDwordOfEightBytesTakesTheFirstFour)
-{
     const ULONG longValue[2] = {0x11223344, 0x55667788};
     SetRaw(u"Long", REG_DWORD, longValue, sizeof(longValue));
+    const struct {
+        const WCHAR* name;
+        NTSTATUS status;
+        ULONG value;  // 0xDEAD: left alone
+    } cases[] = {
+        {u"TraceMask", STATUS_SUCCESS, 0x1F},
+        {u"tracemask", STATUS_SUCCESS, 0x1F},  // value names ignore case
+        {u"Missing", STATUS_OBJECT_NAME_NOT_FOUND, 0xDEAD},
+        {u"Text", STATUS_OBJECT_TYPE_MISMATCH, 0},
+        {u"Blob", STATUS_OBJECT_TYPE_MISMATCH, 0},
+        {u"Short", STATUS_UNSUCCESSFUL, 0},
+        {u"Long", STATUS_SUCCESS, 0x11223344},  // the first four bytes
+    };
     KnRegistryKey key;
     ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0;
-    EXPECT_EQ(key.QueryDword(u"Long", &value), STATUS_SUCCESS);
-    EXPECT_EQ(value, 0x11223344u);
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); i++) {
+        ULONG value = 0xDEAD;
+        EXPECT_EQ(key.QueryDword(cases[i].name, &value), cases[i].status) << "case " << i;
+        EXPECT_EQ(value, cases[i].value) << "case " << i;
+    }
+    EXPECT_EQ(mCapture.Text(), "");
 }
 
 TEST_F(KnRegistryKeyTest, SetDwordWritesAValue)
@@ -176,78 +131,56 @@ TEST_F(KnRegistryKeyTest, SetDwordWritesAValue)
     EXPECT_EQ(mCapture.Text(), "");
 }
 
-TEST_F(KnRegistryKeyTest, GetDwordValueOfAnExistingValue)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0;
-    EXPECT_EQ(key.GetDwordValue(u"TraceMask", &value, 3), STATUS_SUCCESS);
-    EXPECT_EQ(value, 0x1Fu);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnRegistryKeyTest, GetDwordValueOfAMissingValueWithAReadOnlyKey)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    NTSTATUS status = key.GetDwordValue(u"Missing", &value, 3);
-    EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_EQ(value, 3u) << "the default is handed back";
-    char expected[256];
-    KnFormat(expected, sizeof(expected),
-             "ethbrg:KnRegistryKey::SetDword: ZwSetValueKey(Missing) failed, stat=%N\n"
-             "ethbrg:KnRegistryKey::GetDwordValue: SetDword(Missing) failed, stat=%N\n",
-             status, status);
-    EXPECT_EQ(mCapture.Text(), expected);
-    uint32_t stored = 0;
-    EXPECT_FALSE(kplat::RegistryGetDword(kKeyPath, "Missing", &stored)) << "nothing was written";
-}
-
-TEST_F(KnRegistryKeyTest, GetDwordValueOfAMissingValueWithAWritableKeyStoresTheDefault)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_ALL_ACCESS), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_EQ(key.GetDwordValue(u"Missing", &value, 7), STATUS_SUCCESS);
-    EXPECT_EQ(value, 7u);
-    uint32_t stored = 0;
-    EXPECT_TRUE(kplat::RegistryGetDword(kKeyPath, "Missing", &stored));
-    EXPECT_EQ(stored, 7u);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnRegistryKeyTest, GetDwordValueOfAStringFallsBackToTheDefault)
-{
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_READ), STATUS_SUCCESS);
-    ULONG value = 0xDEAD;
-    EXPECT_FALSE(NT_SUCCESS(key.GetDwordValue(u"Text", &value, 9)));
-    EXPECT_EQ(value, 9u);
-    EXPECT_TRUE(mCapture.Contains("ethbrg:KnRegistryKey::GetDwordValue: SetDword(Text) failed"));
-
-    // With write access the default replaces the string.
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_ALL_ACCESS), STATUS_SUCCESS);
-    EXPECT_EQ(key.GetDwordValue(u"Text", &value, 9), STATUS_SUCCESS);
-    ULONG type = 0;
-    std::vector<uint8_t> data;
-    ASSERT_TRUE(kplat::RegistryGetValue(kKeyPath, "Text", &type, &data));
-    EXPECT_EQ(type, (ULONG)REG_DWORD);
-    EXPECT_EQ(data, (std::vector<uint8_t>{9, 0, 0, 0}));
-}
-
-TEST_F(KnRegistryKeyTest, GetDwordValueOfTwoBytesFallsBackToTheDefault)
+// The read with a default: an existing DWORD is read; a missing, mistyped or
+// short value gives the default, which is stored when the key is writable.
+TEST_F(KnRegistryKeyTest, GetDwordValueFallsBackToTheDefault)
 {
     const USHORT shortValue = 0x1234;
-    SetRaw(u"Short", REG_DWORD, &shortValue, sizeof(shortValue));
-    KnRegistryKey key;
-    ASSERT_EQ(key.OpenKey(kKeyPathW, KEY_ALL_ACCESS), STATUS_SUCCESS);
-    ULONG value = 0;
-    EXPECT_EQ(key.GetDwordValue(u"Short", &value, 0x55), STATUS_SUCCESS);
-    EXPECT_EQ(value, 0x55u);
-    uint32_t stored = 0;
-    EXPECT_TRUE(kplat::RegistryGetDword(kKeyPath, "Short", &stored));
-    EXPECT_EQ(stored, 0x55u);
+    const struct {
+        const WCHAR* name;
+        const char* nameA;
+        ACCESS_MASK access;
+        bool succeeds;
+        ULONG value;
+        bool stored;  // the value is a DWORD afterwards
+    } cases[] = {
+        {u"TraceMask", "TraceMask", KEY_READ, true, 0x1F, true},
+        {u"Missing", "Missing", KEY_READ, false, 3, false},
+        {u"Text", "Text", KEY_READ, false, 3, false},
+        {u"Short", "Short", KEY_READ, false, 3, false},
+        {u"Missing", "Missing", KEY_ALL_ACCESS, true, 3, true},
+        {u"Text", "Text", KEY_ALL_ACCESS, true, 3, true},
+        {u"Short", "Short", KEY_ALL_ACCESS, true, 3, true},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); i++) {
+        kplat::RegistryClear();
+        LoadRegistry();
+        SetRaw(u"Short", REG_DWORD, &shortValue, sizeof(shortValue));
+        KnRegistryKey key;
+        ASSERT_EQ(key.OpenKey(kKeyPathW, cases[i].access), STATUS_SUCCESS);
+        ULONG value = 0xDEAD;
+        NTSTATUS status = key.GetDwordValue(cases[i].name, &value, 3);
+        EXPECT_EQ(NT_SUCCESS(status), cases[i].succeeds) << "case " << i;
+        EXPECT_EQ(value, cases[i].value) << "case " << i;
+        ULONG type = 0;
+        std::vector<uint8_t> data;
+        bool exists = kplat::RegistryGetValue(kKeyPath, cases[i].nameA, &type, &data);
+        EXPECT_EQ(exists && type == REG_DWORD && data.size() == 4, cases[i].stored) << "case " << i;
+        if (cases[i].stored) {
+            EXPECT_EQ(data[0], (uint8_t)cases[i].value) << "case " << i;
+        }
+        std::string text = mCapture.Take();
+        if (cases[i].succeeds) {
+            EXPECT_EQ(text, "") << "case " << i;
+        } else {
+            char expected[256];
+            KnFormat(expected, sizeof(expected),
+                     "ethbrg:KnRegistryKey::SetDword: ZwSetValueKey(%s) failed, stat=%N\n"
+                     "ethbrg:KnRegistryKey::GetDwordValue: SetDword(%s) failed, stat=%N\n",
+                     cases[i].nameA, status, cases[i].nameA, status);
+            EXPECT_EQ(text, expected) << "case " << i;
+        }
+    }
 }
 
 TEST_F(KnRegistryKeyTest, OperationsOnAClosedKeyAssert)

@@ -21,51 +21,12 @@ using kntest::CountOf;
 using kntest::EventTimer;
 using kntest::QueueBlocker;
 
-struct CallbackRun {
-    int which;
-    PDEVICE_OBJECT device;
-    PVOID context;
-    PVOID argument;
-    KIRQL irql;
-    uint64_t atMs;
-};
-std::vector<CallbackRun>* gRuns = nullptr;
+using kntest::CallbackA;
+using kntest::CallbackB;
+using kntest::Record;
 
-void Record(int which, PDEVICE_OBJECT device, PVOID context, PVOID argument)
-{
-    gRuns->push_back({which, device, context, argument, KeGetCurrentIrql(), kplat::NowMs()});
-}
-void CallbackA(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(1, device, context, argument); }
-void CallbackB(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(2, device, context, argument); }
-
-class TimerTest : public ::testing::Test {
+class TimerTest : public kntest::WorkQueueTest {
 protected:
-    void SetUp() override
-    {
-        mSavedMask = KnGetTraceMask();
-        KnSetTraceMask(KN_TRACE_MASK_DEFAULT);
-        KnSetTracePrefix("ethbrg");
-        memset(&mDevice, 0, sizeof(mDevice));
-        gRuns = &mRuns;
-        mWorkItemsBefore = kplat::GetObjectCounts().workItems;
-    }
-    void TearDown() override
-    {
-        kplat::RunUntilIdle();
-        EXPECT_EQ(kplat::GetObjectCounts().workItems, mWorkItemsBefore) << "work items leaked";
-        kplat::ClearFaults();
-        gRuns = nullptr;
-        KnSetTraceMask(mSavedMask);
-        KnSetTracePrefix(NULL);
-    }
-
-    kplat::Scope mScope;
-    kplat::DebugCapture mCapture;
-    DEVICE_OBJECT mDevice;
-    std::vector<CallbackRun> mRuns;
-    ULONG mSavedMask = 0;
-    uint64_t mWorkItemsBefore = 0;
-
     // Lets the clock run to `ms` from now and returns once every timer due
     // then has run its DPC, without waiting for the work those DPCs queue (a
     // run queued behind a QueueBlocker keeps the stand-in from being idle,
@@ -208,15 +169,6 @@ TEST_F(KnTimedWorkItemExTest, AllocationFailureDropsTheRunButKeepsTheSchedule)
     EXPECT_EQ(mRuns[0].which, 2);
 }
 
-TEST_F(KnTimedWorkItemExTest, CancelAndWaitOnAnIdleObjectReturnsAtOnce)
-{
-    KnTimedWorkItemEx item;
-    uint64_t now = kplat::NowMs();
-    item.CancelTimedWorkItemAndWait();
-    EXPECT_EQ(kplat::NowMs(), now);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
 void BlockingCallback(PDEVICE_OBJECT device, PVOID context, PVOID argument)
 {
     Record(3, device, context, argument);
@@ -240,20 +192,6 @@ TEST_F(KnTimedWorkItemExTest, CancelAndWaitWaitsForARunningCallback)
              "ethbrg:KnTimedWorkItemEx::CancelTimedWorkItemAndWait: FATAL: wait timed out. this=0x%016llx\n",
              (unsigned long long)(ULONG_PTR)&item);
     EXPECT_EQ(CountOf(mCapture.Text(), expected), 1u) << mCapture.Text();
-    EXPECT_EQ(item.GetQueuedCount(), 0u);
-}
-
-TEST_F(KnTimedWorkItemExTest, ScheduleAssertsItsArguments)
-{
-    KnTimedWorkItemEx item;
-    item.Schedule(10, NULL, NULL, NULL, NULL, DelayedWorkQueue);
-    std::string text = mCapture.Text();
-    EXPECT_NE(text.find("ASSERTION FAILED: (DeviceObject!=NULL)\n  source/libkn/kntimedworkitemex.cpp("),
-              std::string::npos)
-        << text;
-    EXPECT_NE(text.find("ASSERTION FAILED: (CallbackRoutine!=NULL)"), std::string::npos) << text;
-    kplat::AdvanceTime(10);  // nothing scheduled: the DPC does nothing
-    EXPECT_TRUE(mRuns.empty());
     EXPECT_EQ(item.GetQueuedCount(), 0u);
 }
 
@@ -318,14 +256,6 @@ TEST_F(KnTimerDpcTest, CancelTimerStopsAPendingExpiry)
     EXPECT_EQ(record.atMs.size(), 1u);
 }
 
-TEST_F(KnTimerDpcTest, SetTimerWithoutDpcAsserts)
-{
-    KnTimerDpc timer;
-    timer.SetTimer(10);
-    EXPECT_TRUE(mCapture.Contains("ASSERTION FAILED: (IsInitialized())\n  source/libkn/KnTimerDpc.h("));
-    kplat::AdvanceTime(100);
-}
-
 // ---------------------------------------------------------------------------
 // KnDpc
 // ---------------------------------------------------------------------------
@@ -371,14 +301,6 @@ TEST_F(KnDpcTest, InsertQueueQueuesOnceUntilItRan)
     kplat::RunUntilIdle();
     EXPECT_EQ(record.first, (std::vector<PVOID>{(PVOID)1, (PVOID)5}));
     EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnDpcTest, InsertQueueWithoutRoutineAsserts)
-{
-    KnDpc dpc;
-    EXPECT_FALSE(dpc.InsertQueue(NULL, NULL));
-    EXPECT_TRUE(mCapture.Contains("ASSERTION FAILED: (IsInitialized())\n  source/libkn/KnDpc.h("));
-    kplat::RunUntilIdle();
 }
 
 }  // namespace

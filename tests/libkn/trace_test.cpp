@@ -55,233 +55,112 @@ class KnAssertTest : public TraceTest {};
 class KnHexDumpTest : public TraceTest {};
 
 // ---------------------------------------------------------------------------
-// Integer conversions, flags, width and precision
+// Formatter vectors: every directive with flags, width, precision and size
 // ---------------------------------------------------------------------------
-TEST_F(KnFormatTest, PlainTextIsCopied)
+TEST_F(KnFormatTest, Vectors)
 {
-    EXPECT_EQ(Format("no directives here\n"), "no directives here\n");
-    EXPECT_EQ(Format(""), "");
-}
-
-TEST_F(KnFormatTest, SignedDecimal)
-{
-    EXPECT_EQ(Format("%d", 42), "42");
-    EXPECT_EQ(Format("%i", -42), "-42");
-    EXPECT_EQ(Format("%d", 0), "0");
-    EXPECT_EQ(Format("%d", INT_MIN), "-2147483648");
-    EXPECT_EQ(Format("%d", INT_MAX), "2147483647");
-}
-
-TEST_F(KnFormatTest, UnsignedHexOctal)
-{
-    EXPECT_EQ(Format("%u", 4294967295u), "4294967295");
-    EXPECT_EQ(Format("%x", 0xDEADBEEFu), "deadbeef");
-    EXPECT_EQ(Format("%X", 0xDEADBEEFu), "DEADBEEF");
-    EXPECT_EQ(Format("%o", 8u), "10");
-    EXPECT_EQ(Format("%u", -1), "4294967295");
-}
-
-TEST_F(KnFormatTest, LeftJustifyPadsAfter)
-{
-    EXPECT_EQ(Format("%-5d|", 42), "42   |");
-    EXPECT_EQ(Format("%-5s|", "ab"), "ab   |");
-}
-
-TEST_F(KnFormatTest, ZeroPadPutsSignFirst)
-{
-    EXPECT_EQ(Format("%05d", -42), "-0042");
-    EXPECT_EQ(Format("%05d", 42), "00042");
-    EXPECT_EQ(Format("%+05d", 42), "+0042");
-    EXPECT_EQ(Format("% 05d", 42), " 0042");
-}
-
-TEST_F(KnFormatTest, LeftJustifyCancelsZeroPad)
-{
-    EXPECT_EQ(Format("%-05d|", 42), "42   |");
-    EXPECT_EQ(Format("%0-5d|", -4), "-4   |");
-}
-
-TEST_F(KnFormatTest, BlanksComeBeforeSign)
-{
-    EXPECT_EQ(Format("%5d", -42), "  -42");
-    EXPECT_EQ(Format("%+5d", 42), "  +42");
-    EXPECT_EQ(Format("% d", 42), " 42");
-    EXPECT_EQ(Format("% d", -42), "-42");
-    EXPECT_EQ(Format("%+ d", 1), "+1");  // plus wins over blank
-}
-
-TEST_F(KnFormatTest, PlusAndBlankOnlyForSignedConversions)
-{
-    EXPECT_EQ(Format("%+u", 5u), "5");
-    EXPECT_EQ(Format("% x", 5u), "5");
-}
-
-TEST_F(KnFormatTest, AlternateForm)
-{
-    EXPECT_EQ(Format("%#x", 255u), "0xff");
-    EXPECT_EQ(Format("%#X", 255u), "0XFF");
-    EXPECT_EQ(Format("%#o", 8u), "010");
-    EXPECT_EQ(Format("%#6x", 255u), "  0xff");
-    EXPECT_EQ(Format("%#06x", 255u), "0x00ff");
-    EXPECT_EQ(Format("%#-6x|", 255u), "0xff  |");
-    EXPECT_EQ(Format("%#6o", 8u), "   010");
-    EXPECT_EQ(Format("%#u", 8u), "8");
-}
-
-TEST_F(KnFormatTest, PrecisionIsMinimumDigitCount)
-{
-    EXPECT_EQ(Format("%.5d", 42), "00042");
-    EXPECT_EQ(Format("%8.5d", -42), "  -00042");
-    EXPECT_EQ(Format("%-8.5x|", 0xabu), "000ab   |");
-    EXPECT_EQ(Format("%.1d", 12345), "12345");
-    EXPECT_EQ(Format("%.0d", 0), "0");
-    EXPECT_EQ(Format("%.d", 7), "7");
-    // Zero padding and precision: the padding zeros come before the
-    // precision zeros, so the result is zeros either way.
-    EXPECT_EQ(Format("%08.3d", 5), "00000005");
-}
-
-TEST_F(KnFormatTest, StarTakesWidthAndPrecisionFromArguments)
-{
-    EXPECT_EQ(Format("%*d|", 5, 42), "   42|");
-    EXPECT_EQ(Format("%*d|", -5, 42), "42   |");
-    EXPECT_EQ(Format("%.*d", 4, 42), "0042");
-    EXPECT_EQ(Format("%.*d", -3, 42), "42");
-    // A negative precision means 0, not "no precision".
-    EXPECT_EQ(Format("%.*s|", -1, "abc"), "|");
-    EXPECT_EQ(Format("%.*s|", 2, "abc"), "ab|");
-    EXPECT_EQ(Format("%*.*d|%d", 6, 3, 7, 9), "   007|9");
-}
-
-TEST_F(KnFormatTest, SixteenBitSizeTruncatesAndExtends)
-{
-    EXPECT_EQ(Format("%hd", 0x18000), "-32768");
-    EXPECT_EQ(Format("%hu", 0x12345), "9029");
-    EXPECT_EQ(Format("%hx", 0xFFFFFFFFu), "ffff");
-}
-
-TEST_F(KnFormatTest, SixtyFourBitSizes)
-{
-    EXPECT_EQ(Format("%lld", -5000000000LL), "-5000000000");
-    EXPECT_EQ(Format("%llu", ULLONG_MAX), "18446744073709551615");
-    EXPECT_EQ(Format("%llx", 0x123456789ABCull), "123456789abc");
-    EXPECT_EQ(Format("%Ix", 0x123456789ABull), "123456789ab");
-    EXPECT_EQ(Format("%Id", LLONG_MIN), "-9223372036854775808");
-    EXPECT_EQ(Format("%llo", 01777777777777777777777ull), "1777777777777777777777");
-}
-
-TEST_F(KnFormatTest, ThirtyTwoBitByDefaultAndWithLSizes)
-{
-    // Each argument is 32 bits: two ints are two arguments.
-    EXPECT_EQ(Format("%x %x", 0x11u, 0x22u), "11 22");
-    EXPECT_EQ(Format("%lx %lu", 0xFFu, 7u), "ff 7");
-    EXPECT_EQ(Format("%Lx", 0xABCu), "abc");
-    EXPECT_EQ(Format("%ld", -1), "-1");
-}
-
-TEST_F(KnFormatTest, SixtyFourBitArgumentsKeepLaterArgumentsAligned)
-{
-    EXPECT_EQ(Format("%d %llx %d", 1, 0xFFFFFFFF00000000ull, 2), "1 ffffffff00000000 2");
-    EXPECT_EQ(Format("%Q %u", 0x1ull, 3u), "0000000000000001 3");
-    EXPECT_EQ(Format("%p %u", (void*)0x10, 4u), "0000000000000010 4");
-}
-
-// ---------------------------------------------------------------------------
-// Pointer and fixed-width hexadecimal directives
-// ---------------------------------------------------------------------------
-TEST_F(KnFormatTest, PointerWithoutWidthHasSixteenDigits)
-{
-    EXPECT_EQ(Format("%p", (void*)NULL), "0000000000000000");
-    EXPECT_EQ(Format("%p", (void*)0x1234), "0000000000001234");
-    EXPECT_EQ(Format("%p", (void*)0xFFFF800012345678ull), "ffff800012345678");
-}
-
-TEST_F(KnFormatTest, PointerWithWidthIsBlankPadded)
-{
-    EXPECT_EQ(Format("%8p", (void*)NULL), "       0");
-    EXPECT_EQ(Format("%-6p|", (void*)0xab), "ab    |");
-    EXPECT_EQ(Format("%#p", (void*)0xab), "0x000000000000ab");  // the prefix takes two of the 16 columns
-}
-
-TEST_F(KnFormatTest, DwordIgnoresFlagsWidthAndPrecision)
-{
-    EXPECT_EQ(Format("%D", 0x1Fu), "0000001F");
-    EXPECT_EQ(Format("%5D", 0x1Fu), "0000001F");
-    EXPECT_EQ(Format("%-12D|", 0x1Fu), "0000001F|");
-    EXPECT_EQ(Format("%#.2D", 0xDEADBEEFu), "DEADBEEF");
-}
-
-TEST_F(KnFormatTest, WordAndByteAreMinimumWidths)
-{
-    EXPECT_EQ(Format("%W", 0xABu), "00AB");
-    EXPECT_EQ(Format("%W", 0x12345u), "12345");
-    EXPECT_EQ(Format("%B", 7u), "07");
-    EXPECT_EQ(Format("%B", 0x1ABu), "1AB");
-    EXPECT_EQ(Format("%-9B|", 7u), "07|");
-}
-
-TEST_F(KnFormatTest, QuadTakesSixtyFourBits)
-{
-    EXPECT_EQ(Format("%Q", 0x1234ull), "0000000000001234");
-    EXPECT_EQ(Format("%Q", 0xFEDCBA9876543210ull), "FEDCBA9876543210");
-    EXPECT_EQ(Format("%3Q", 0ull), "0000000000000000");
-}
-
-TEST_F(KnFormatTest, StatusWithName)
-{
-    EXPECT_EQ(Format("%N", STATUS_UNSUCCESSFUL), "0xC0000001 (STATUS_UNSUCCESSFUL)");
-    EXPECT_EQ(Format("%N", STATUS_SUCCESS), "0x00000000 (STATUS_SUCCESS)");
-    EXPECT_EQ(Format("%N", STATUS_PENDING), "0x00000103 (STATUS_PENDING)");
-    EXPECT_EQ(Format("%N", 0xDEAD0001u), "0xDEAD0001 (unknown)");
-    EXPECT_EQ(Format("%20N|", 0x4u), "0x00000004 (unknown)|");
-}
-
-// ---------------------------------------------------------------------------
-// Characters and strings
-// ---------------------------------------------------------------------------
-TEST_F(KnFormatTest, CharacterPaddedToWidth)
-{
-    EXPECT_EQ(Format("%c", 'A'), "A");
-    EXPECT_EQ(Format("%3c|", 'A'), "  A|");
-    EXPECT_EQ(Format("%-3c|", 'A'), "A  |");
-    EXPECT_EQ(Format("%c", 0x141), "A");  // the low byte
-    EXPECT_EQ(Format("%03c", 'z'), "  z");
-}
-
-TEST_F(KnFormatTest, WideCharacterPrintsLowByte)
-{
-    EXPECT_EQ(Format("%C", (int)u'B'), "B");
-    EXPECT_EQ(Format("%C", 0x0142), "B");
-    EXPECT_EQ(Format("%2C|", (int)u'x'), " x|");
-}
-
-TEST_F(KnFormatTest, StringPrecisionAndWidth)
-{
-    EXPECT_EQ(Format("%s", "abc"), "abc");
-    EXPECT_EQ(Format("%5s|", "abc"), "  abc|");
-    EXPECT_EQ(Format("%.3s", "abcdef"), "abc");
-    EXPECT_EQ(Format("%5.2s|", "abcdef"), "   ab|");
-    EXPECT_EQ(Format("%.10s", "ab"), "ab");
-    EXPECT_EQ(Format("%.0s|", "ab"), "|");
-    EXPECT_EQ(Format("%05s", "ab"), "   ab");
-}
-
-TEST_F(KnFormatTest, NullStringsPrintNullMarker)
-{
-    EXPECT_EQ(Format("%s", (const char*)NULL), "<NULL>");
-    EXPECT_EQ(Format("%S", (const WCHAR*)NULL), "<NULL>");
-    EXPECT_EQ(Format("%U", (const UNICODE_STRING*)NULL), "<NULL>");
-    EXPECT_EQ(Format("%8s|", (const char*)NULL), "  <NULL>|");
-    EXPECT_EQ(Format("%-8S|", (const WCHAR*)NULL), "<NULL>  |");
-}
-
-TEST_F(KnFormatTest, WideStringPrintsLowBytes)
-{
-    EXPECT_EQ(Format("%S", u"wide"), "wide");
-    EXPECT_EQ(Format("%S", u"\u0141\u0142"), "AB");
-    EXPECT_EQ(Format("%.2S", u"wide"), "wi");
-    EXPECT_EQ(Format("%6S|", u"ab"), "    ab|");
-    EXPECT_EQ(Format("%-6.1S|", u"ab"), "a     |");
+    const struct {
+        std::string got;
+        const char* want;
+    } cases[] = {
+        {Format("no directives here\n"), "no directives here\n"},
+        {Format(""), ""},
+        // Integers.
+        {Format("%d", INT_MIN), "-2147483648"},
+        {Format("%i", -42), "-42"},
+        {Format("%u", -1), "4294967295"},
+        {Format("%x", 0xDEADBEEFu), "deadbeef"},
+        {Format("%X", 0xDEADBEEFu), "DEADBEEF"},
+        {Format("%o", 8u), "10"},
+        // Flags: left-justify, zero pad after the sign, blank and plus.
+        {Format("%-5d|", 42), "42   |"},
+        {Format("%05d", -42), "-0042"},
+        {Format("%+05d", 42), "+0042"},
+        {Format("% 05d", 42), " 0042"},
+        {Format("%0-5d|", -4), "-4   |"},
+        {Format("%5d", -42), "  -42"},
+        {Format("% d", -42), "-42"},
+        {Format("%+ d", 1), "+1"},
+        {Format("%+u", 5u), "5"},
+        {Format("% x", 5u), "5"},
+        {Format("%#x", 255u), "0xff"},
+        {Format("%#X", 255u), "0XFF"},
+        {Format("%#o", 8u), "010"},
+        {Format("%#06x", 255u), "0x00ff"},
+        {Format("%#-6x|", 255u), "0xff  |"},
+        {Format("%#6o", 8u), "   010"},
+        {Format("%#u", 8u), "8"},
+        // Precision is the minimum digit count; star arguments.
+        {Format("%8.5d", -42), "  -00042"},
+        {Format("%-8.5x|", 0xabu), "000ab   |"},
+        {Format("%.0d", 0), "0"},
+        {Format("%.d", 7), "7"},
+        {Format("%08.3d", 5), "00000005"},
+        {Format("%*d|", -5, 42), "42   |"},
+        {Format("%.*d", -3, 42), "42"},
+        {Format("%.*s|", -1, "abc"), "|"},
+        {Format("%*.*d|%d", 6, 3, 7, 9), "   007|9"},
+        // Sizes: 16 bits, 32 bits by default and with l/L, 64 bits keeping
+        // later arguments aligned.
+        {Format("%hd", 0x18000), "-32768"},
+        {Format("%hx", 0xFFFFFFFFu), "ffff"},
+        {Format("%x %x", 0x11u, 0x22u), "11 22"},
+        {Format("%lx %lu", 0xFFu, 7u), "ff 7"},
+        {Format("%Lx", 0xABCu), "abc"},
+        {Format("%llu", ULLONG_MAX), "18446744073709551615"},
+        {Format("%Id", LLONG_MIN), "-9223372036854775808"},
+        {Format("%llo", 01777777777777777777777ull), "1777777777777777777777"},
+        {Format("%d %llx %d", 1, 0xFFFFFFFF00000000ull, 2), "1 ffffffff00000000 2"},
+        {Format("%Q %u", 0x1ull, 3u), "0000000000000001 3"},
+        {Format("%p %u", (void*)0x10, 4u), "0000000000000010 4"},
+        // Pointer and fixed-width hexadecimal.
+        {Format("%p", (void*)0xFFFF800012345678ull), "ffff800012345678"},
+        {Format("%8p", (void*)NULL), "       0"},
+        {Format("%-6p|", (void*)0xab), "ab    |"},
+        {Format("%#p", (void*)0xab), "0x000000000000ab"},
+        {Format("%-12D|", 0x1Fu), "0000001F|"},
+        {Format("%#.2D", 0xDEADBEEFu), "DEADBEEF"},
+        {Format("%W", 0xABu), "00AB"},
+        {Format("%W", 0x12345u), "12345"},
+        {Format("%-9B|", 7u), "07|"},
+        {Format("%B", 0x1ABu), "1AB"},
+        {Format("%Q", 0xFEDCBA9876543210ull), "FEDCBA9876543210"},
+        {Format("%3Q", 0ull), "0000000000000000"},
+        // Status with name.
+        {Format("%N", STATUS_SUCCESS), "0x00000000 (STATUS_SUCCESS)"},
+        {Format("%N", STATUS_UNSUCCESSFUL), "0xC0000001 (STATUS_UNSUCCESSFUL)"},
+        {Format("%N", 0xDEAD0001u), "0xDEAD0001 (unknown)"},
+        {Format("%20N|", 0x4u), "0x00000004 (unknown)|"},
+        // Characters and strings.
+        {Format("%-3c|", 'A'), "A  |"},
+        {Format("%c", 0x141), "A"},
+        {Format("%03c", 'z'), "  z"},
+        {Format("%C", 0x0142), "B"},
+        {Format("%2C|", (int)u'x'), " x|"},
+        {Format("%5.2s|", "abcdef"), "   ab|"},
+        {Format("%.10s", "ab"), "ab"},
+        {Format("%.0s|", "ab"), "|"},
+        {Format("%05s", "ab"), "   ab"},
+        {Format("%-5s|", "ab"), "ab   |"},
+        {Format("%S", u"\u0141\u0142"), "AB"},
+        {Format("%-6.1S|", u"ab"), "a     |"},
+        {Format("%6S|", u"ab"), "    ab|"},
+        // Null strings.
+        {Format("%s", (const char*)NULL), "<NULL>"},
+        {Format("%U", (const UNICODE_STRING*)NULL), "<NULL>"},
+        {Format("%8s|", (const char*)NULL), "  <NULL>|"},
+        {Format("%-8S|", (const WCHAR*)NULL), "<NULL>  |"},
+        // Unknown conversions print themselves; a lone percent at the end.
+        {Format("%q"), "%q"},
+        {Format("100%%"), "100%"},
+        {Format("%5q|"), "%q|"},
+        {Format("%n"), "%n"},
+        {Format("%I64d"), "%6" "4d"},
+        {Format("abc%-5"), "abc%"},
+        {Format("%"), "%"},
+        {Format("%s=%d %c%S %p", "a", -1, 'x', u"y", (void*)0xF), "a=-1 xy 000000000000000f"},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); i++) EXPECT_EQ(cases[i].got, cases[i].want) << "case " << i;
 }
 
 TEST_F(KnFormatTest, CountedStringUsesLengthInBytes)
@@ -297,18 +176,13 @@ TEST_F(KnFormatTest, CountedStringUsesLengthInBytes)
     EXPECT_EQ(Format("[%U]", &s), "[ab]");
     s.Length = 0;
     EXPECT_EQ(Format("[%U]", &s), "[]");
+    WCHAR unterminated[3] = {u'x', u'y', u'z'};
+    s.Buffer = unterminated;
+    s.Length = sizeof(unterminated);
+    EXPECT_EQ(Format("%U.", &s), "xyz.");
+    s.Length = 0;
     s.Buffer = NULL;
     EXPECT_EQ(Format("[%U]", &s), "[]");  // empty, buffer never read
-}
-
-TEST_F(KnFormatTest, CountedStringIsNotZeroTerminated)
-{
-    WCHAR text[3] = {u'x', u'y', u'z'};
-    UNICODE_STRING s;
-    s.Buffer = text;
-    s.Length = sizeof(text);
-    s.MaximumLength = sizeof(text);
-    EXPECT_EQ(Format("%U.", &s), "xyz.");
 }
 
 // ---------------------------------------------------------------------------
@@ -321,22 +195,8 @@ TEST_F(KnFormatTest, PrefixDirective)
     EXPECT_EQ(Format("%P:Op"), ":Op");
     KnSetTracePrefix(NULL);
     EXPECT_EQ(Format("[%P]"), "[]");
-}
-
-TEST_F(KnFormatTest, PrefixKeepsAtMost31Characters)
-{
     KnSetTracePrefix("0123456789012345678901234567890123456789");
-    EXPECT_EQ(std::string(KnGetTracePrefix()), "0123456789012345678901234567890");
-    EXPECT_EQ(Format("%P"), "0123456789012345678901234567890");
-}
-
-TEST_F(KnFormatTest, ShorterPrefixClearsTheRestOfTheField)
-{
-    KnSetTracePrefix("0123456789012345678901234567890");
-    KnSetTracePrefix("ab");
-    const char* field = KnGetTracePrefix();
-    EXPECT_STREQ(field, "ab");
-    for (int i = 2; i < 32; i++) EXPECT_EQ(field[i], 0) << "byte " << i;
+    EXPECT_EQ(Format("%P"), "0123456789012345678901234567890") << "at most 31 characters";
 }
 
 TEST_F(KnFormatTest, TimeStampInMicrosecondsByDefault)
@@ -351,36 +211,8 @@ TEST_F(KnFormatTest, TimeStampInMicrosecondsByDefault)
     char expected[64];
     snprintf(expected, sizeof(expected), "%012u", micro);
     EXPECT_EQ(Format("%012T"), expected);
-}
-
-TEST_F(KnFormatTest, TimeStampFollowsTheClock)
-{
-    ULONG before = (ULONG)std::stoul(Format("%T"));
     kplat::AdvanceTime(5);
-    ULONG after = (ULONG)std::stoul(Format("%T"));
-    EXPECT_EQ(after - before, 5000u);
-    EXPECT_EQ(Format("%.1T"), std::to_string(0u + (ULONG)(kplat::Now() / 10000000u)));
-}
-
-TEST_F(KnFormatTest, UnknownConversionsPrintThemselves)
-{
-    EXPECT_EQ(Format("%q"), "%q");
-    EXPECT_EQ(Format("100%%"), "100%");
-    EXPECT_EQ(Format("%5q|"), "%q|");
-    EXPECT_EQ(Format("%n"), "%n");  // never a write through an argument
-    EXPECT_EQ(Format("%I64d"), "%6" "4d");
-}
-
-TEST_F(KnFormatTest, PercentAtTheEnd)
-{
-    EXPECT_EQ(Format("abc%"), "abc%");
-    EXPECT_EQ(Format("abc%-5"), "abc%");
-    EXPECT_EQ(Format("%"), "%");
-}
-
-TEST_F(KnFormatTest, ArgumentsAreConsumedInOrder)
-{
-    EXPECT_EQ(Format("%s=%d %c%S %p", "a", -1, 'x', u"y", (void*)0xF), "a=-1 xy 000000000000000f");
+    EXPECT_EQ((ULONG)std::stoul(Format("%T")) - micro, 5000u) << "follows the clock";
 }
 
 // ---------------------------------------------------------------------------
@@ -436,20 +268,16 @@ std::string Number(ULONGLONG value, int radix, int width, int precision, ULONG f
     return std::string(buffer.data(), pos);
 }
 
-TEST_F(KnFormatNumberTest, RadixOutOfRangeWritesNothing)
+TEST_F(KnFormatNumberTest, AllRadixes)
 {
     EXPECT_EQ(Number(10, 1, -1, -1, 0), "");
     EXPECT_EQ(Number(10, 37, -1, -1, 0), "");
     EXPECT_EQ(Number(10, 0, 8, -1, 0), "");
-}
-
-TEST_F(KnFormatNumberTest, AllRadixes)
-{
     EXPECT_EQ(Number(5, 2, -1, -1, 0), "101");
-    EXPECT_EQ(Number(35, 36, -1, -1, 0), "z");
     EXPECT_EQ(Number(35, 36, -1, -1, KN_FMT_UPPER), "Z");
     EXPECT_EQ(Number(~0ull, 2, -1, -1, 0), std::string(64, '1'));
-    EXPECT_EQ(Number(0, 7, -1, -1, 0), "0");
+    EXPECT_EQ(Number((ULONGLONG)LLONG_MIN, 10, -1, -1, KN_FMT_SIGNED), "-9223372036854775808");
+    EXPECT_EQ(Number(1, 10, 10, -1, KN_FMT_LEFT, 4), "1  ");  // stops before the end
 }
 
 TEST_F(KnFormatNumberTest, NoRoomForCharacterAndTerminator)
@@ -461,25 +289,6 @@ TEST_F(KnFormatNumberTest, NoRoomForCharacterAndTerminator)
     EXPECT_EQ(KnFormatNumber(buffer, buffer + 1, 7, 10, 3, -1, 0), buffer + 1);
     EXPECT_EQ(buffer[0], ' ');
     EXPECT_EQ(buffer[1], 'x');
-}
-
-TEST_F(KnFormatNumberTest, SignedFlagNegates)
-{
-    EXPECT_EQ(Number((ULONGLONG)-42, 10, -1, -1, KN_FMT_SIGNED), "-42");
-    EXPECT_EQ(Number((ULONGLONG)-42, 16, -1, -1, KN_FMT_SIGNED), "-2a");
-    EXPECT_EQ(Number((ULONGLONG)LLONG_MIN, 10, -1, -1, KN_FMT_SIGNED), "-9223372036854775808");
-    EXPECT_EQ(Number((ULONGLONG)-1, 10, -1, -1, 0), "18446744073709551615");
-}
-
-TEST_F(KnFormatNumberTest, FlagValues)
-{
-    EXPECT_EQ(KN_FMT_ZEROPAD, 0x1);
-    EXPECT_EQ(KN_FMT_SIGNED, 0x2);
-    EXPECT_EQ(KN_FMT_PLUS, 0x4);
-    EXPECT_EQ(KN_FMT_BLANK, 0x8);
-    EXPECT_EQ(KN_FMT_LEFT, 0x10);
-    EXPECT_EQ(KN_FMT_ALTERNATE, 0x20);
-    EXPECT_EQ(KN_FMT_UPPER, 0x40);
 }
 
 TEST_F(KnFormatNumberTest, OrderOfPaddingSignPrefixZerosDigits)
@@ -496,18 +305,6 @@ TEST_F(KnFormatNumberTest, OrderOfPaddingSignPrefixZerosDigits)
     EXPECT_EQ(Number(10, 16, -1, -1, KN_FMT_ALTERNATE | KN_FMT_UPPER), "0XA");
 }
 
-TEST_F(KnFormatNumberTest, AlternateFormOnlyForRadix8And16)
-{
-    EXPECT_EQ(Number(5, 10, 4, -1, KN_FMT_ALTERNATE), "   5");
-    EXPECT_EQ(Number(5, 2, 4, -1, KN_FMT_ALTERNATE), " 101");
-}
-
-TEST_F(KnFormatNumberTest, BoundedOutputStopsBeforeEnd)
-{
-    EXPECT_EQ(Number(123456, 10, -1, -1, 0, 4), "123");
-    EXPECT_EQ(Number(1, 10, 10, -1, KN_FMT_LEFT, 4), "1  ");
-}
-
 // ---------------------------------------------------------------------------
 // Print entry and output sink
 // ---------------------------------------------------------------------------
@@ -518,13 +315,6 @@ TEST_F(KnPrintTest, PrintGoesToDebuggerOutput)
     EXPECT_EQ(capture.Text(), "ethbrg:MpAdapter::Initialize status 0xC000009A (STATUS_INSUFFICIENT_RESOURCES)\n");
 }
 
-TEST_F(KnPrintTest, PercentInTheMessageIsNotReinterpreted)
-{
-    kplat::DebugCapture capture;
-    KnPrint("%s\n", "100%d %s %n");
-    EXPECT_EQ(capture.Text(), "100%d %s %n\n");
-}
-
 TEST_F(KnPrintTest, LongMessageIsOutputAsFirst255Characters)
 {
     std::string text(300, 'x');
@@ -532,14 +322,6 @@ TEST_F(KnPrintTest, LongMessageIsOutputAsFirst255Characters)
     kplat::DebugCapture capture;
     KnPrint("%s", text.c_str());
     EXPECT_EQ(capture.Text(), text.substr(0, 255));
-}
-
-TEST_F(KnPrintTest, OutputWithoutLogBufferOnlyPrints)
-{
-    ASSERT_EQ(KnTraceLogBuffer::Instance(), nullptr);
-    kplat::DebugCapture capture;
-    KnOutput("plain\n");
-    EXPECT_EQ(capture.Text(), "plain\n");
 }
 
 std::string RingText(const KnTraceLogBuffer* logBuffer)
@@ -579,25 +361,6 @@ TEST_F(KnPrintTest, TimePrefixIsLow32BitsOfSystemTimeInMilliseconds)
     EXPECT_EQ(RingText(KnTraceLogBuffer::Instance()), std::string("2522955986  a\n") + KN_TRACE_LOG_END_MARKER);
 }
 
-TEST_F(KnPrintTest, TimePrefixIsRightAlignedInEightColumns)
-{
-    char prefix[16];
-    char* end = KnFormatNumber(prefix, prefix + sizeof(prefix) - 1, 42, 10, 8, -1, 0);
-    *end = 0;
-    EXPECT_STREQ(prefix, "      42");
-}
-
-TEST_F(KnPrintTest, OutputAtDispatchLevelGoesIntoLogBuffer)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    kplat::DebugCapture capture;
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    KnOutput("at dispatch\n");
-    KeLowerIrql(old);
-    EXPECT_NE(RingText(KnTraceLogBuffer::Instance()).find("at dispatch\n"), std::string::npos);
-}
-
 TEST_F(KnPrintTest, OutputAboveDispatchLevelSkipsLogBuffer)
 {
     ASSERT_TRUE(KnTraceLogBuffer::Create(4));
@@ -622,7 +385,7 @@ int Evaluate(int value)
     return value;
 }
 
-TEST_F(KnTraceCallTest, DisabledTraceEvaluatesNothing)
+TEST_F(KnTraceCallTest, ArgumentsAreEvaluatedOnlyWhenEnabled)
 {
     KnSetTraceMask(KN_TRACE_ERROR);
     gEvaluations = 0;
@@ -630,13 +393,7 @@ TEST_F(KnTraceCallTest, DisabledTraceEvaluatesNothing)
     KN_TRACE(KN_TRACE_TX, "%P:Tx %d %d\n", Evaluate(1), Evaluate(2));
     EXPECT_EQ(gEvaluations, 0);
     EXPECT_EQ(capture.Text(), "");
-}
-
-TEST_F(KnTraceCallTest, EnabledTraceEvaluatesOnceAndPrints)
-{
     KnSetTraceMask(KN_TRACE_ERROR | KN_TRACE_TX);
-    gEvaluations = 0;
-    kplat::DebugCapture capture;
     KN_TRACE(KN_TRACE_TX, "%P:Tx %d %d\n", Evaluate(1), Evaluate(2));
     EXPECT_EQ(gEvaluations, 2);
     EXPECT_EQ(capture.Text(), "ethbrg:Tx 1 2\n");
@@ -657,24 +414,6 @@ TEST_F(KnTraceCallTest, EachBitSelectsItsMessages)
     }
 }
 
-TEST_F(KnTraceCallTest, MaskValues)
-{
-    EXPECT_EQ(KN_TRACE_MASK_DEFAULT, 0x3);
-    EXPECT_EQ(KN_TRACE_RX_DUMP, 0x200);
-    EXPECT_EQ(KN_TRACE_RX_TRANSFER, 0x1000);
-    EXPECT_EQ(KN_TRACE_RX_PATH, 0x10000);
-    EXPECT_EQ(KN_TRACE_TX_SUBMIT, 0x20000);
-    KnSetTraceMask(0x12345678);
-    EXPECT_EQ(KnGetTraceMask(), 0x12345678u);
-    EXPECT_EQ(gKnTraceMask, 0x12345678u);
-}
-
-TEST_F(KnTraceCallTest, IdentificationTextIsInTheImage)
-{
-    EXPECT_STREQ(gKnImageIdentification,
-                 "MORVALEN-VERSION-MORVALEN ethbrg_x64.sys v1.50.0 chk x64 Jul 24 2014 09:15:15");
-}
-
 // ---------------------------------------------------------------------------
 // Assertions and IRQL checks
 // ---------------------------------------------------------------------------
@@ -692,14 +431,6 @@ TEST_F(KnAssertTest, FailedAssertionPrintsAndGoesOn)
                                   std::to_string(line) + ")\n");
 }
 
-TEST_F(KnAssertTest, TrueAssertionPrintsNothing)
-{
-    kplat::DebugCapture capture;
-    int x = 2;
-    KN_ASSERT(x==2);
-    EXPECT_EQ(capture.Text(), "");
-}
-
 TEST_F(KnAssertTest, AssertionNeedsErrorBit)
 {
     KnSetTraceMask(~(ULONG)KN_TRACE_ERROR);
@@ -709,46 +440,26 @@ TEST_F(KnAssertTest, AssertionNeedsErrorBit)
     EXPECT_EQ(capture.Text(), "");
 }
 
-TEST_F(KnAssertTest, AssertFailedFormat)
+TEST_F(KnAssertTest, IrqlChecks)
 {
     kplat::DebugCapture capture;
-    KnAssertFailed("mDataLength<=BufferSize()", "source/libkn/x.cpp", 4242);
-    EXPECT_EQ(capture.Text(), "\nethbrg:ASSERTION FAILED: (mDataLength<=BufferSize())\n  source/libkn/x.cpp(4242)\n");
-}
-
-TEST_F(KnAssertTest, IrqlChecksAtPassiveLevel)
-{
-    kplat::DebugCapture capture;
-    ASSERT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     IRQL_EQ_PASSIVE();
     IRQL_LTEQ_DISPATCH();
     EXPECT_EQ(capture.Text(), "");
     IRQL_EQ_DISPATCH();
-    EXPECT_NE(capture.Text().find("ASSERTION FAILED: (IRQL_EQ_DISPATCH())\n"), std::string::npos);
-}
-
-TEST_F(KnAssertTest, IrqlChecksAtDispatchLevel)
-{
-    kplat::DebugCapture capture;
+    EXPECT_NE(capture.Take().find("ASSERTION FAILED: (IRQL_EQ_DISPATCH())\n"), std::string::npos);
     KIRQL old;
     KeRaiseIrql(DISPATCH_LEVEL, &old);
     IRQL_EQ_DISPATCH();
     IRQL_LTEQ_DISPATCH();
     std::string quiet = capture.Take();
     IRQL_EQ_PASSIVE();
-    KeLowerIrql(old);
-    EXPECT_EQ(quiet, "");
-    EXPECT_NE(capture.Text().find("ASSERTION FAILED: (IRQL_EQ_PASSIVE())\n"), std::string::npos);
-}
-
-TEST_F(KnAssertTest, IrqlChecksAboveDispatchLevel)
-{
-    kplat::DebugCapture capture;
-    KIRQL old;
     KeRaiseIrql(HIGH_LEVEL, &old);
     IRQL_LTEQ_DISPATCH();
-    KeLowerIrql(old);
-    EXPECT_NE(capture.Text().find("ASSERTION FAILED: (IRQL_LTEQ_DISPATCH())\n"), std::string::npos);
+    KeLowerIrql(PASSIVE_LEVEL);
+    EXPECT_EQ(quiet, "");
+    EXPECT_TRUE(capture.Contains("ASSERTION FAILED: (IRQL_EQ_PASSIVE())\n"));
+    EXPECT_TRUE(capture.Contains("ASSERTION FAILED: (IRQL_LTEQ_DISPATCH())\n"));
 }
 
 // ---------------------------------------------------------------------------
@@ -767,25 +478,6 @@ std::vector<std::string> Lines(const std::string& text)
     return lines;
 }
 
-TEST_F(KnHexDumpTest, EmptyDumpPrintsNullMarker)
-{
-    kplat::DebugCapture capture;
-    UCHAR b = 0;
-    KnHexDump(&b, 0);
-    EXPECT_EQ(capture.Text(), "<<NULL>>\n");
-}
-
-TEST_F(KnHexDumpTest, FullLineLayout)
-{
-    kplat::DebugCapture capture;
-    const char* data = "0123456789ABCDEF";
-    KnHexDump(data, 16);
-    const std::string expected =
-        "0000: 30 31 32 33  34 35 36 37  38 39 41 42  43 44 45 46   0123456789ABCDEF\n";
-    EXPECT_EQ(capture.Text(), expected);
-    EXPECT_EQ(expected.substr(59, 16), "0123456789ABCDEF");
-}
-
 TEST_F(KnHexDumpTest, TwentyBytesGiveTwoLinesWithCharactersAtColumn59)
 {
     UCHAR data[20];
@@ -798,14 +490,6 @@ TEST_F(KnHexDumpTest, TwentyBytesGiveTwoLinesWithCharactersAtColumn59)
     EXPECT_EQ(lines[1], "0010: 71 72 73 74" + std::string(59 - 17, ' ') + "qrst\n");
     EXPECT_EQ(lines[1].size(), 64u);
     EXPECT_EQ(lines[1].substr(59), "qrst\n");
-}
-
-TEST_F(KnHexDumpTest, SingleByte)
-{
-    kplat::DebugCapture capture;
-    UCHAR b = 0xA5;
-    KnHexDump(&b, 1);
-    EXPECT_EQ(capture.Text(), "0000: A5" + std::string(59 - 8, ' ') + ".\n");
 }
 
 TEST_F(KnHexDumpTest, NonPrintableBytesShowAsDots)
@@ -831,11 +515,13 @@ TEST_F(KnHexDumpTest, IndexWrapsAfterFFFF)
     EXPECT_EQ(lines[0x00AB].substr(0, 6), "0AB0: ");
 }
 
-TEST_F(KnHexDumpTest, DumpTestsNoMaskBit)
+TEST_F(KnHexDumpTest, EmptyDumpAndNoMaskBit)
 {
-    KnSetTraceMask(0);
+    KnSetTraceMask(0);  // the dump does not test the mask
     kplat::DebugCapture capture;
     UCHAR b = 'Z';
+    KnHexDump(&b, 0);
+    EXPECT_EQ(capture.Take(), "<<NULL>>\n");
     KnHexDump(&b, 1);
     EXPECT_EQ(capture.Text().substr(59), "Z\n");
 }

@@ -61,38 +61,36 @@ protected:
 // ---------------------------------------------------------------------------
 // Creation and sizes
 // ---------------------------------------------------------------------------
-TEST_F(KnTraceLogBufferTest, NoBufferBeforeCreate)
+TEST_F(KnTraceLogBufferTest, NoBufferBeforeCreateAndAfterDelete)
 {
-    EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
-    EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
-    KnTraceLogBuffer::Delete();  // nothing to delete
-    EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+    {
+        EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+        EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
+        KnTraceLogBuffer::Delete();  // nothing to delete
+        EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        KnTraceLogBuffer::Delete();
+        KnTraceLogBuffer::Delete();
+        EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+        KnTraceLogBuffer::Delete();
+    }
 }
 
-TEST_F(KnTraceLogBufferTest, OneKibGivesOnePage)
+TEST_F(KnTraceLogBufferTest, SizeIsWholePages)
 {
-    ASSERT_TRUE(KnTraceLogBuffer::Create(1));
-    EXPECT_EQ(Buffer()->Size(), 4096u);
-    EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 4u);
-    EXPECT_EQ(Cb()->mRingEnd - Cb()->mRingStart, 3840u);
-}
-
-TEST_F(KnTraceLogBufferTest, DefaultSizeIs128Kib)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(KN_TRACE_LOG_DEFAULT_SIZE_KB));
-    EXPECT_EQ(Buffer()->Size(), 131072u);
-    EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 128u);
-    EXPECT_EQ(Cb()->mRingEnd, 131072u);
-}
-
-TEST_F(KnTraceLogBufferTest, SizeRoundsUpToWholePages)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(0));
-    EXPECT_EQ(Buffer()->Size(), 4096u);
-    ASSERT_TRUE(KnTraceLogBuffer::Create(5));
-    EXPECT_EQ(Buffer()->Size(), 8192u);
-    ASSERT_TRUE(KnTraceLogBuffer::Create(8));
-    EXPECT_EQ(Buffer()->Size(), 8192u);
+    const struct {
+        ULONG kb;
+        ULONG size;
+    } cases[] = {{0, 4096}, {1, 4096}, {5, 8192}, {8, 8192}, {KN_TRACE_LOG_DEFAULT_SIZE_KB, 131072}};
+    for (const auto& c : cases) {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(c.kb));
+        EXPECT_EQ(Buffer()->Size(), c.size) << c.kb;
+        EXPECT_EQ(KnTraceLogBuffer::SizeKb(), c.size / 1024) << c.kb;
+        EXPECT_EQ(Cb()->mRingEnd - Cb()->mRingStart, c.size - 256) << c.kb;
+    }
 }
 
 TEST_F(KnTraceLogBufferTest, ControlBlockLayout)
@@ -125,25 +123,26 @@ TEST_F(KnTraceLogBufferTest, CreateAgainSetsUpANewBlock)
     EXPECT_EQ(Bytes(256, 4), std::string(4, '\0'));
 }
 
-TEST_F(KnTraceLogBufferTest, ObjectAndBlockAreAccounted)
-{
-    const ULONG tag = KN_TAG("KnTl");
-    uint64_t before = kplat::GetPoolTagStats(tag).liveCount;
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    EXPECT_EQ(kplat::GetPoolTagStats(tag).liveCount, before + 1);
-    KnTraceLogBuffer::Delete();
-    EXPECT_EQ(kplat::GetPoolTagStats(tag).liveCount, before);
-}
-
 // ---------------------------------------------------------------------------
 // Failures
 // ---------------------------------------------------------------------------
-TEST_F(KnTraceLogBufferTest, ObjectAllocationFailureLeavesNoBuffer)
+TEST_F(KnTraceLogBufferTest, ObjectAllocationFailureLeavesNoBufferButTracing)
 {
-    kplat::FailTag(KN_TAG("KnTl"), 1);
-    EXPECT_FALSE(KnTraceLogBuffer::Create(4));
-    EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
-    EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
+    {
+        kplat::FailTag(KN_TAG("KnTl"), 1);
+        EXPECT_FALSE(KnTraceLogBuffer::Create(4));
+        EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+        EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        kplat::FailTag(KN_TAG("KnTl"), 1);
+        ASSERT_FALSE(KnTraceLogBuffer::Create(4));
+        kplat::DebugCapture capture;
+        KnPrint("still traced\n");
+        EXPECT_EQ(capture.Text(), "still traced\n");
+        KnTraceLogBuffer::Delete();
+    }
 }
 
 TEST_F(KnTraceLogBufferTest, BlockAllocationFailureDeletesObject)
@@ -166,46 +165,45 @@ TEST_F(KnTraceLogBufferTest, FailedSetUpOfExistingBufferDeletesIt)
     EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
 }
 
-TEST_F(KnTraceLogBufferTest, TracingGoesOnWithoutBuffer)
-{
-    kplat::FailTag(KN_TAG("KnTl"), 1);
-    ASSERT_FALSE(KnTraceLogBuffer::Create(4));
-    kplat::DebugCapture capture;
-    KnPrint("still traced\n");
-    EXPECT_EQ(capture.Text(), "still traced\n");
-}
-
 // ---------------------------------------------------------------------------
 // Messages
 // ---------------------------------------------------------------------------
-TEST_F(KnTraceLogBufferTest, MessageIsPrefixTextAndMarker)
+TEST_F(KnTraceLogBufferTest, MessageIsPrefixTextAndOneMarker)
 {
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    Buffer()->AddMessage("hello\n", "      12  ");
-    EXPECT_EQ(Bytes(256, 10 + 6 + 17), "      12  hello\n" + kMarker);
-    EXPECT_EQ(Cb()->mWritePosition, 256u + 16u);
-    EXPECT_EQ(Cb()->mLastEnd, 256u + 16u + 17u);
-}
-
-TEST_F(KnTraceLogBufferTest, NextMessageOverwritesTheMarker)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    Buffer()->AddMessage("one\n", NULL);
-    Buffer()->AddMessage("two\n", "p ");
-    EXPECT_EQ(Bytes(256, 4 + 2 + 4 + 17), "one\np two\n" + kMarker);
-    EXPECT_EQ(Cb()->mWritePosition, 256u + 10u);
-    EXPECT_EQ(Cb()->mLastEnd, 256u + 10u + 17u);
-    EXPECT_EQ(CountMarkersInRing(), 1u);
-}
-
-TEST_F(KnTraceLogBufferTest, EmptyTextAddsNothing)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    Buffer()->AddMessage("", "prefix");
-    Buffer()->AddMessage(NULL, "prefix");
-    EXPECT_EQ(Cb()->mWritePosition, 256u);
-    EXPECT_EQ(Cb()->mLastEnd, 256u);
-    EXPECT_EQ(Bytes(256, 1), std::string(1, '\0'));
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        Buffer()->AddMessage("hello\n", "      12  ");
+        EXPECT_EQ(Bytes(256, 10 + 6 + 17), "      12  hello\n" + kMarker);
+        EXPECT_EQ(Cb()->mWritePosition, 256u + 16u);
+        EXPECT_EQ(Cb()->mLastEnd, 256u + 16u + 17u);
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        Buffer()->AddMessage("one\n", NULL);
+        Buffer()->AddMessage("two\n", "p ");
+        EXPECT_EQ(Bytes(256, 4 + 2 + 4 + 17), "one\np two\n" + kMarker);
+        EXPECT_EQ(Cb()->mWritePosition, 256u + 10u);
+        EXPECT_EQ(Cb()->mLastEnd, 256u + 10u + 17u);
+        EXPECT_EQ(CountMarkersInRing(), 1u);
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        Buffer()->AddMessage("", "prefix");
+        Buffer()->AddMessage(NULL, "prefix");
+        EXPECT_EQ(Cb()->mWritePosition, 256u);
+        EXPECT_EQ(Cb()->mLastEnd, 256u);
+        EXPECT_EQ(Bytes(256, 1), std::string(1, '\0'));
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(1));
+        const char text[] = "abc\0def";
+        Buffer()->AddMessage(text, NULL);
+        EXPECT_EQ(Bytes(256, 3 + 17), "abc" + kMarker);
+        KnTraceLogBuffer::Delete();
+    }
 }
 
 TEST_F(KnTraceLogBufferTest, MessageReachingPastRingEndContinuesAtRingStart)
@@ -227,27 +225,29 @@ TEST_F(KnTraceLogBufferTest, MessageReachingPastRingEndContinuesAtRingStart)
     EXPECT_EQ(CountMarkersInRing(), 1u);
 }
 
-TEST_F(KnTraceLogBufferTest, MessageEndingExactlyAtRingEndWrapsPosition)
+TEST_F(KnTraceLogBufferTest, MessageOrMarkerEndingAtRingEndWraps)
 {
-    ASSERT_TRUE(KnTraceLogBuffer::Create(1));
-    std::string filler(3840, 'g');
-    Buffer()->AddMessage(filler.c_str(), NULL);
-    EXPECT_EQ(Cb()->mWritePosition, 256u);
-    EXPECT_EQ(Bytes(256, 17), kMarker);
-    EXPECT_EQ(Bytes(273, 3), "ggg");
-}
-
-TEST_F(KnTraceLogBufferTest, MarkerItselfWraps)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(1));
-    std::string filler(3840 - 5, 'h');
-    Buffer()->AddMessage(filler.c_str(), NULL);
-    EXPECT_EQ(Bytes(4096 - 5, 5), kMarker.substr(0, 5));
-    EXPECT_EQ(Bytes(256, 12), kMarker.substr(5));
-    EXPECT_EQ(Cb()->mWritePosition, 4096u - 5u);
-    EXPECT_EQ(Cb()->mLastEnd, 256u + 12u);
-    EXPECT_EQ(RingFromWritePosition().substr(0, 17), kMarker);
-    EXPECT_EQ(CountMarkersInRing(), 1u);
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(1));
+        std::string filler(3840, 'g');
+        Buffer()->AddMessage(filler.c_str(), NULL);
+        EXPECT_EQ(Cb()->mWritePosition, 256u);
+        EXPECT_EQ(Bytes(256, 17), kMarker);
+        EXPECT_EQ(Bytes(273, 3), "ggg");
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(1));
+        std::string filler(3840 - 5, 'h');
+        Buffer()->AddMessage(filler.c_str(), NULL);
+        EXPECT_EQ(Bytes(4096 - 5, 5), kMarker.substr(0, 5));
+        EXPECT_EQ(Bytes(256, 12), kMarker.substr(5));
+        EXPECT_EQ(Cb()->mWritePosition, 4096u - 5u);
+        EXPECT_EQ(Cb()->mLastEnd, 256u + 12u);
+        EXPECT_EQ(RingFromWritePosition().substr(0, 17), kMarker);
+        EXPECT_EQ(CountMarkersInRing(), 1u);
+        KnTraceLogBuffer::Delete();
+    }
 }
 
 TEST_F(KnTraceLogBufferTest, MessageLongerThanTheRing)
@@ -284,14 +284,6 @@ TEST_F(KnTraceLogBufferTest, SingleMarkerRightAtWritePositionAfterAnySequence)
     }
 }
 
-TEST_F(KnTraceLogBufferTest, TextWithoutTerminatorBeyondLengthIsNotCopied)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(1));
-    const char text[] = "abc\0def";
-    Buffer()->AddMessage(text, NULL);
-    EXPECT_EQ(Bytes(256, 3 + 17), "abc" + kMarker);
-}
-
 // ---------------------------------------------------------------------------
 // Deletion
 // ---------------------------------------------------------------------------
@@ -305,39 +297,33 @@ void RecordAndFree(PVOID block)
     MmFreeContiguousMemory(block);
 }
 
-TEST_F(KnTraceLogBufferTest, DeletionZeroesTheControlBlockBeforeFreeing)
+TEST_F(KnTraceLogBufferTest, DeletionAndSetUpAgainZeroTheControlBlockBeforeFreeing)
 {
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    Buffer()->AddMessage("ring text stays\n", NULL);
-    gFreeCalls = 0;
-    gFreedHead.clear();
-    KnTraceLogBufferSetFreeRoutine(RecordAndFree);
-    KnTraceLogBuffer::Delete();
-    ASSERT_EQ(gFreeCalls, 1);
-    for (int i = 0; i < 256; i++) ASSERT_EQ(gFreedHead[i], 0) << "byte " << i;
-    // Only the control block is cleared.
-    EXPECT_EQ(std::string((const char*)&gFreedHead[256], 16), "ring text stays\n");
-    EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
-    EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
-}
-
-TEST_F(KnTraceLogBufferTest, SetUpAgainFreesThePreviousBlock)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    gFreeCalls = 0;
-    gFreedHead.clear();
-    KnTraceLogBufferSetFreeRoutine(RecordAndFree);
-    ASSERT_TRUE(KnTraceLogBuffer::Create(8));
-    ASSERT_EQ(gFreeCalls, 1);
-    for (int i = 0; i < 256; i++) ASSERT_EQ(gFreedHead[i], 0) << "byte " << i;
-}
-
-TEST_F(KnTraceLogBufferTest, DeleteTwiceIsHarmless)
-{
-    ASSERT_TRUE(KnTraceLogBuffer::Create(4));
-    KnTraceLogBuffer::Delete();
-    KnTraceLogBuffer::Delete();
-    EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        Buffer()->AddMessage("ring text stays\n", NULL);
+        gFreeCalls = 0;
+        gFreedHead.clear();
+        KnTraceLogBufferSetFreeRoutine(RecordAndFree);
+        KnTraceLogBuffer::Delete();
+        ASSERT_EQ(gFreeCalls, 1);
+        for (int i = 0; i < 256; i++) ASSERT_EQ(gFreedHead[i], 0) << "byte " << i;
+        // Only the control block is cleared.
+        EXPECT_EQ(std::string((const char*)&gFreedHead[256], 16), "ring text stays\n");
+        EXPECT_EQ(KnTraceLogBuffer::Instance(), nullptr);
+        EXPECT_EQ(KnTraceLogBuffer::SizeKb(), 0u);
+        KnTraceLogBuffer::Delete();
+    }
+    {
+        ASSERT_TRUE(KnTraceLogBuffer::Create(4));
+        gFreeCalls = 0;
+        gFreedHead.clear();
+        KnTraceLogBufferSetFreeRoutine(RecordAndFree);
+        ASSERT_TRUE(KnTraceLogBuffer::Create(8));
+        ASSERT_EQ(gFreeCalls, 1);
+        for (int i = 0; i < 256; i++) ASSERT_EQ(gFreedHead[i], 0) << "byte " << i;
+        KnTraceLogBuffer::Delete();
+    }
 }
 
 // ---------------------------------------------------------------------------

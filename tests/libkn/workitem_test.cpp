@@ -19,55 +19,11 @@ using kntest::CountOf;
 using kntest::EventTimer;
 using kntest::QueueBlocker;
 
-// What the callbacks saw.
-struct CallbackRun {
-    int which;
-    PDEVICE_OBJECT device;
-    PVOID context;
-    PVOID argument;
-    KIRQL irql;
-    HANDLE thread;
-    uint64_t atMs;
-};
-std::vector<CallbackRun>* gRuns = nullptr;
+using kntest::CallbackA;
+using kntest::CallbackB;
+using kntest::Record;
 
-void Record(int which, PDEVICE_OBJECT device, PVOID context, PVOID argument)
-{
-    gRuns->push_back({which, device, context, argument, KeGetCurrentIrql(), PsGetCurrentThreadId(), kplat::NowMs()});
-}
-void CallbackA(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(1, device, context, argument); }
-void CallbackB(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(2, device, context, argument); }
-
-class WorkItemTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        mSavedMask = KnGetTraceMask();
-        KnSetTraceMask(KN_TRACE_MASK_DEFAULT);
-        KnSetTracePrefix("ethbrg");
-        memset(&mDevice, 0, sizeof(mDevice));
-        gRuns = &mRuns;
-        mWorkItemsBefore = kplat::GetObjectCounts().workItems;
-    }
-    void TearDown() override
-    {
-        kplat::RunUntilIdle();
-        EXPECT_EQ(kplat::GetObjectCounts().workItems, mWorkItemsBefore) << "work items leaked";
-        kplat::ClearFaults();
-        gRuns = nullptr;
-        KnSetTraceMask(mSavedMask);
-        KnSetTracePrefix(NULL);
-    }
-
-    kplat::Scope mScope;
-    kplat::DebugCapture mCapture;
-    DEVICE_OBJECT mDevice;
-    std::vector<CallbackRun> mRuns;
-    ULONG mSavedMask = 0;
-    uint64_t mWorkItemsBefore = 0;
-};
-
-class KnWorkItemExTest : public WorkItemTest {};
+class KnWorkItemExTest : public kntest::WorkQueueTest {};
 
 TEST_F(KnWorkItemExTest, RunsTheCallbackOnceAtPassiveOnAWorker)
 {
@@ -113,15 +69,6 @@ TEST_F(KnWorkItemExTest, CancelBeforeTheRunCallsNothing)
     blocker.Release();
     EXPECT_TRUE(mRuns.empty());
     EXPECT_EQ(item.GetQueuedCount(), 0u);
-    uint64_t now = kplat::NowMs();
-    item.CancelCallbackAndWait();
-    EXPECT_EQ(kplat::NowMs(), now);
-    EXPECT_EQ(mCapture.Text(), "");
-}
-
-TEST_F(KnWorkItemExTest, CancelCallbackAndWaitOnAnIdleObjectReturnsAtOnce)
-{
-    KnWorkItemEx item;
     uint64_t now = kplat::NowMs();
     item.CancelCallbackAndWait();
     EXPECT_EQ(kplat::NowMs(), now);
@@ -191,20 +138,6 @@ TEST_F(KnWorkItemExTest, AllocationFailureDropsTheCallback)
     kplat::RunUntilIdle();
     ASSERT_EQ(mRuns.size(), 1u);
     EXPECT_EQ(mRuns[0].which, 2);
-}
-
-TEST_F(KnWorkItemExTest, ScheduleAssertsItsArguments)
-{
-    KnWorkItemEx item;
-    kplat::FailTag(kplat::MakeTag("IoWk"), 2);
-    item.ScheduleCallback(NULL, CallbackA, NULL, NULL, DelayedWorkQueue);
-    item.ScheduleCallback(&mDevice, NULL, NULL, NULL, DelayedWorkQueue);
-    std::string text = mCapture.Text();
-    EXPECT_NE(text.find("ASSERTION FAILED: (DeviceObject!=NULL)\n  source/libkn/knworkitemex.cpp("), std::string::npos)
-        << text;
-    EXPECT_NE(text.find("ASSERTION FAILED: (CallbackRoutine!=NULL)\n  source/libkn/knworkitemex.cpp("),
-              std::string::npos)
-        << text;
 }
 
 // A callback that blocks until an event is set.

@@ -1,10 +1,16 @@
-// Helpers of the work item and timer tests: a blocker that holds a work
-// queue, a timer that sets an event at a virtual time, substring counting.
+// Helpers of the work item and timer tests: the common fixture with its
+// callback recorder, a blocker that holds a work queue, a timer that sets an
+// event at a virtual time, substring counting.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
+#include <vector>
 
 #include <kplat/platform.h>
+
+#include "kntrace.h"
 
 namespace kntest {
 
@@ -62,6 +68,57 @@ private:
     PKEVENT mEvent;
     KDPC mDpc;
     KTIMER mTimer;
+};
+
+// What the callbacks saw.
+struct CallbackRun {
+    int which;
+    PDEVICE_OBJECT device;
+    PVOID context;
+    PVOID argument;
+    KIRQL irql;
+    HANDLE thread;
+    uint64_t atMs;
+};
+
+inline std::vector<CallbackRun>* gRuns = nullptr;
+
+inline void Record(int which, PDEVICE_OBJECT device, PVOID context, PVOID argument)
+{
+    gRuns->push_back({which, device, context, argument, KeGetCurrentIrql(), PsGetCurrentThreadId(), kplat::NowMs()});
+}
+inline void CallbackA(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(1, device, context, argument); }
+inline void CallbackB(PDEVICE_OBJECT device, PVOID context, PVOID argument) { Record(2, device, context, argument); }
+
+// Starts the platform, records callback runs in mRuns and checks that no
+// work item leaks.
+class WorkQueueTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        mSavedMask = KnGetTraceMask();
+        KnSetTraceMask(KN_TRACE_MASK_DEFAULT);
+        KnSetTracePrefix("ethbrg");
+        memset(&mDevice, 0, sizeof(mDevice));
+        gRuns = &mRuns;
+        mWorkItemsBefore = kplat::GetObjectCounts().workItems;
+    }
+    void TearDown() override
+    {
+        kplat::RunUntilIdle();
+        EXPECT_EQ(kplat::GetObjectCounts().workItems, mWorkItemsBefore) << "work items leaked";
+        kplat::ClearFaults();
+        gRuns = nullptr;
+        KnSetTraceMask(mSavedMask);
+        KnSetTracePrefix(NULL);
+    }
+
+    kplat::Scope mScope;
+    kplat::DebugCapture mCapture;
+    DEVICE_OBJECT mDevice;
+    std::vector<CallbackRun> mRuns;
+    ULONG mSavedMask = 0;
+    uint64_t mWorkItemsBefore = 0;
 };
 
 inline size_t CountOf(const std::string& text, const std::string& needle)

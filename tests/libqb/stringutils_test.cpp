@@ -30,39 +30,29 @@ protected:
 };
 
 class QbStringCopyTest : public QbStringTest {};
-class QbStringLengthTest : public QbStringTest {};
 
+// Copies into an 8-byte buffer of 'x': the result, what the buffer holds up
+// to the first untouched byte, the count.
 TEST_F(QbStringCopyTest, EightBitCopiesAtMostMaxCharsMinusOne)
 {
-    char dest[8];
-    memset(dest, 'x', sizeof(dest));
-    EXPECT_EQ(QbStringCopy(dest, "abcdef", 3), 2u);
-    EXPECT_STREQ(dest, "ab");
-    EXPECT_EQ(dest[3], 'x') << "nothing written past the terminator";
-
-    memset(dest, 'x', sizeof(dest));
-    EXPECT_EQ(QbStringCopy(dest, "abcdef", 8), 6u);
-    EXPECT_STREQ(dest, "abcdef");
-    EXPECT_EQ(dest[7], 'x');
-
-    EXPECT_EQ(QbStringCopy(dest, "abcdefgh", 8), 7u);
-    EXPECT_STREQ(dest, "abcdefg");
-}
-
-TEST_F(QbStringCopyTest, MaxCharsOneWritesOnlyTheTerminator)
-{
-    char dest[2] = {'x', 'x'};
-    EXPECT_EQ(QbStringCopy(dest, "abc", 1), 0u);
-    EXPECT_EQ(dest[0], 0);
-    EXPECT_EQ(dest[1], 'x');
-}
-
-TEST_F(QbStringCopyTest, EmptySource)
-{
-    char dest[4] = {'x', 'x', 'x', 'x'};
-    EXPECT_EQ(QbStringCopy(dest, "", 4), 0u);
-    EXPECT_EQ(dest[0], 0);
-    EXPECT_EQ(dest[1], 'x');
+    const struct {
+        const char* source;
+        ULONG maxChars;
+        ULONG count;
+        std::string buffer;  // up to and including the first byte left alone
+    } cases[] = {
+        {"abcdef", 3, 2, std::string("ab\0x", 4)},
+        {"abcdef", 8, 6, std::string("abcdef\0x", 8)},
+        {"abcdefgh", 8, 7, std::string("abcdefg\0", 8)},
+        {"abc", 1, 0, std::string("\0x", 2)},
+        {"", 4, 0, std::string("\0x", 2)},
+    };
+    for (const auto& c : cases) {
+        char dest[8];
+        memset(dest, 'x', sizeof(dest));
+        EXPECT_EQ(QbStringCopy(dest, c.source, c.maxChars), c.count) << c.source << " " << c.maxChars;
+        EXPECT_EQ(std::string(dest, c.buffer.size()), c.buffer) << c.source << " " << c.maxChars;
+    }
 }
 
 TEST_F(QbStringCopyTest, MaxCharsZeroAssertsAndWritesNothing)
@@ -107,23 +97,7 @@ TEST_F(QbStringCopyTest, Utf16ToEightBitKeepsTheLowByte)
     EXPECT_EQ(dest[5], 'x');
 }
 
-TEST_F(QbStringCopyTest, PairsOfAMacAddressString)
-{
-    const WCHAR* text = u"0050B6A1B2C3";
-    WCHAR pair[3];
-    std::u16string pairs;
-    for (int i = 0; i < 6; i++) {
-        EXPECT_EQ(QbStringCopy(pair, text + 2 * i, 3), 2u);
-        pairs += pair;
-        pairs += u'-';
-    }
-    EXPECT_EQ(pairs, u"00-50-B6-A1-B2-C3-");
-    // The last character alone, when the string is odd.
-    EXPECT_EQ(QbStringCopy(pair, u"F", 3), 1u);
-    EXPECT_EQ(std::u16string(pair), u"F");
-}
-
-TEST_F(QbStringLengthTest, CountsCodeUnitsBeforeTheTerminator)
+TEST_F(QbStringCopyTest, LengthCountsCodeUnitsBeforeTheTerminator)
 {
     EXPECT_EQ(QbStringLength(u""), 0u);
     EXPECT_EQ(QbStringLength(u"0050B6A1B2C3"), 12u);

@@ -25,18 +25,8 @@ TEST(NtbRecords, SignaturesSpellTheirText)
     EXPECT_EQ(text(NDP32_SIGNATURE_CRC), "ncm1");
 }
 
-TEST(NtbRecords, SizesAndMinimums)
+TEST(NtbRecords, DerivedLengths)
 {
-    EXPECT_EQ(NTH16_LENGTH, 12u);
-    EXPECT_EQ(NTH32_LENGTH, 16u);
-    EXPECT_EQ(NDP16_HEADER_LENGTH, 8u);
-    EXPECT_EQ(NDP16_ENTRY_LENGTH, 4u);
-    EXPECT_EQ(NDP32_HEADER_LENGTH, 16u);
-    EXPECT_EQ(NDP32_ENTRY_LENGTH, 8u);
-    EXPECT_EQ(NDP16_MIN_LENGTH, 12u);
-    EXPECT_EQ(NDP32_MIN_LENGTH, 24u);
-    EXPECT_EQ(NTB16_MIN_TRANSFER_LENGTH, 24u);
-    EXPECT_EQ(NTB32_MIN_TRANSFER_LENGTH, 40u);
     EXPECT_EQ(sizeof(NtbParameters), 28u);
     EXPECT_EQ(Ndp16Length(3), 24u);
     EXPECT_EQ(Ndp32Length(3), 48u);
@@ -44,24 +34,12 @@ TEST(NtbRecords, SizesAndMinimums)
     EXPECT_EQ(Ndp16EntryCount(17), 1u);
     EXPECT_EQ(Ndp32EntryCount(31), 0u);
     EXPECT_EQ(Ndp32EntryCount(32), 1u);
-    EXPECT_EQ(NTB_TX_NDP_SCRATCH_LENGTH, 16u + 8 * 171);
     EXPECT_GE(NTB_TX_NDP_SCRATCH_LENGTH, Ndp32Length(NTB_MAX_TX_DATAGRAMS));
 }
 
-TEST(NtbRecords, RoundUp)
+TEST(NtbRecords, OffsetsFollowTheReferenceEncoder)
 {
-    EXPECT_EQ(RoundUp(0, 4), 0u);
-    EXPECT_EQ(RoundUp(1, 4), 4u);
-    EXPECT_EQ(RoundUp(75, 4), 76u);
-    EXPECT_EQ(RoundUp(76, 4), 76u);
     EXPECT_EQ(RoundUp(75, 6), 78u);
-    EXPECT_EQ(RoundUp(75, 1), 75u);
-    EXPECT_EQ(RoundUp(88, 4), 88u);
-    EXPECT_EQ(NtbDatagramOffset(12, 4, 2), 16u);
-    EXPECT_EQ(NtbDatagramOffset(12, 4, 0), 14u);
-    EXPECT_EQ(NtbDatagramOffset(74, 4, 0), 74u);
-    EXPECT_EQ(NtbDatagramOffset(16, 1, 0), 16u);
-    // Every offset of the reference encoder follows the same rule.
     for (ULONG divisor = 1; divisor <= 9; divisor++) {
         for (ULONG remainder = 0; remainder < divisor; remainder++) {
             ntbref::EncodeParams params;

@@ -13,23 +13,6 @@ UNICODE_STRING U(const char16_t* s) {
     return u;
 }
 
-TEST(RtlInit, CountsWithoutTheTerminator) {
-    UNICODE_STRING u = U(u"ethbrg");
-    EXPECT_EQ(12, u.Length);
-    EXPECT_EQ(14, u.MaximumLength);
-    UNICODE_STRING none = U(nullptr);
-    EXPECT_EQ(0, none.Length);
-    EXPECT_EQ(0, none.MaximumLength);
-    EXPECT_EQ(nullptr, none.Buffer);
-
-    ANSI_STRING a;
-    RtlInitAnsiString(&a, "abc");
-    EXPECT_EQ(3, a.Length);
-    EXPECT_EQ(4, a.MaximumLength);
-    RtlInitAnsiString(&a, nullptr);
-    EXPECT_EQ(0, a.Length);
-}
-
 TEST(RtlAnsi, AllocatedConversionIsTerminatedAndReplacesWideCharacters) {
     const ULONG tag = kplat::MakeTag("RtlS");
     uint64_t live = kplat::GetPoolTagStats(tag).liveCount;
@@ -43,15 +26,6 @@ TEST(RtlAnsi, AllocatedConversionIsTerminatedAndReplacesWideCharacters) {
     RtlFreeAnsiString(&a);
     EXPECT_EQ(nullptr, a.Buffer);
     EXPECT_EQ(live, kplat::GetPoolTagStats(tag).liveCount);
-}
-
-TEST(RtlAnsi, AllocationFailureIsNoMemory) {
-    UNICODE_STRING u = U(u"abc");
-    ANSI_STRING a;
-    kplat::FailTag(kplat::MakeTag("RtlS"), 1);
-    EXPECT_EQ(STATUS_NO_MEMORY, RtlUnicodeStringToAnsiString(&a, &u, TRUE));
-    kplat::ClearFaults();
-    EXPECT_EQ(nullptr, a.Buffer);
 }
 
 TEST(RtlAnsi, CallersBufferTooSmallOverflowsWithWhatFits) {

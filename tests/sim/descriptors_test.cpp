@@ -212,24 +212,6 @@ TEST(Descriptors, MaxPacketSizesFollowSpeed)
     }
 }
 
-TEST(Descriptors, InterfaceAssociationInFront)
-{
-    DeviceProfile p;
-    p.interfaceAssociation = true;
-    p.bDeviceClass = 0xEF;
-    p.bDeviceSubClass = 0x02;
-    p.bDeviceProtocol = 0x01;
-    Harness h(p);
-    Parsed c = Walk(FullConfig(h));
-    ASSERT_TRUE(c.wellFormed);
-    ASSERT_EQ(c.all[1][1], usb::kDescInterfaceAssociation);
-    EXPECT_EQ(c.all[1][2], 0);
-    EXPECT_EQ(c.all[1][3], 2);
-    EXPECT_EQ(c.all[1][4], cdc::kClassCommunications);
-    EXPECT_EQ(c.all[1][5], cdc::kSubclassNcm);
-    EXPECT_EQ(c.all[2][1], usb::kDescInterface);
-}
-
 TEST(Descriptors, StringsAndMacAddress)
 {
     DeviceProfile p;
@@ -253,41 +235,4 @@ TEST(Descriptors, StringsAndMacAddress)
     EXPECT_EQ(h.GetDescriptor(usb::kDescString, p.iMACAddress, 2, 0x0409).data.size(), 2u);
     EXPECT_EQ(StringText(h.GetDescriptor(usb::kDescString, ethsim::kStringSerial, 255).data), "XY-17");
     EXPECT_TRUE(h.GetDescriptor(usb::kDescString, 99, 255).stalled);
-}
-
-TEST(Descriptors, MacStringOverrideAndNoLanguages)
-{
-    DeviceProfile p;
-    p.macString = "aabbccddeef";  // 11 characters, lower case: for host tests
-    p.languages.clear();
-    p.extraStrings[9] = "nine";
-    Harness h(p);
-    EXPECT_EQ(StringText(h.GetDescriptor(usb::kDescString, p.iMACAddress, 255).data), "aabbccddeef");
-    EXPECT_TRUE(h.GetDescriptor(usb::kDescString, 0, 255).stalled);
-    EXPECT_EQ(StringText(h.GetDescriptor(usb::kDescString, 9, 255).data), "nine");
-}
-
-TEST(Descriptors, RawBytesReplaceGenerated)
-{
-    DeviceProfile p;
-    // A configuration whose first interface is a data interface.
-    p.rawConfiguration = Bytes{9, 2, 18, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 0x0A, 0, 1, 0};
-    p.rawDevice = Bytes{18, 1, 0, 2, 0, 0, 0, 64, 1, 0, 2, 0, 0, 1, 0, 0, 0, 1};
-    p.rawStrings[p.iMACAddress] = Bytes{4, 3, 'Z', 0};
-    Harness h(p);
-    EXPECT_EQ(h.GetDescriptor(usb::kDescConfiguration, 0, 255).data, *p.rawConfiguration);
-    EXPECT_EQ(h.GetDescriptor(usb::kDescConfiguration, 0, 9).data,
-              Bytes(p.rawConfiguration->begin(), p.rawConfiguration->begin() + 9));
-    EXPECT_EQ(h.GetDescriptor(usb::kDescDevice, 0, 18).data, *p.rawDevice);
-    EXPECT_EQ(h.GetDescriptor(usb::kDescString, p.iMACAddress, 255).data, (Bytes{4, 3, 'Z', 0}));
-}
-
-TEST(Descriptors, OtherDescriptorRequestsStall)
-{
-    Harness h;
-    EXPECT_TRUE(h.GetDescriptor(usb::kDescInterface, 0, 9).stalled);
-    EXPECT_TRUE(h.GetDescriptor(usb::kDescEndpoint, 0, 7).stalled);
-    EXPECT_TRUE(h.GetDescriptor(0x22, 0, 64).stalled);
-    // GET_DESCRIPTOR must be device-to-host.
-    EXPECT_TRUE(h.Control(0x00, usb::kGetDescriptor, 0x0100, 0, 18).stalled);
 }

@@ -37,57 +37,6 @@ TEST(Faults, FailNextTransfersWithStall)
     EXPECT_EQ(net.Count(), 1u);
 }
 
-TEST(Faults, FailNextTransfersWithNak)
-{
-    Harness h;
-    h.Start();
-    h.dev.FailNextTransfers(0x81, 1, UsbHandshake::Nak);
-    h.dev.NotifyResponseAvailable();
-    h.port.ready.clear();  // the endpoint was waiting: signalled by the notification
-    Bytes p;
-    EXPECT_EQ(h.InPacket(0x81, &p, 16), UsbHandshake::Nak);
-    // The endpoint is signalled ready again (no service function: at once).
-    EXPECT_EQ(h.port.ready, std::vector<uint8_t>{0x81});
-    EXPECT_EQ(h.InPacket(0x81, &p, 16), UsbHandshake::Ack);
-}
-
-TEST(Faults, NakForAPeriodOfPortTime)
-{
-    Harness h;
-    std::vector<uint64_t> requests;
-    h.dev.SetServiceRequest([&requests](uint64_t due) { requests.push_back(due); });
-    h.Start();
-    h.dev.OnFrame(MakeFrame(60, 1).data(), 60);
-    h.dev.NakEndpointFor(0x82, 5);
-    UsbHandshake refusal = UsbHandshake::Ack;
-    EXPECT_FALSE(h.ReadIn(0, nullptr, &refusal).has_value());
-    EXPECT_EQ(refusal, UsbHandshake::Nak);
-    ASSERT_FALSE(requests.empty());
-    EXPECT_EQ(requests.back(), 5u * 10000);
-    h.port.now = 49999;
-    h.dev.Service();
-    EXPECT_TRUE(h.port.ready.empty());
-    h.port.now = 50000;
-    h.dev.Service();
-    EXPECT_EQ(h.port.ready, std::vector<uint8_t>{0x82});
-    EXPECT_TRUE(h.ReadIn().has_value());
-}
-
-TEST(Faults, StallNextControlWithoutEffect)
-{
-    Harness h;
-    ASSERT_TRUE(h.SetConfiguration(1));
-    h.dev.StallNextControl(1, cdc::kSetNtbFormat);
-    EXPECT_FALSE(h.ClassIn(cdc::kGetNtbParameters, 0, 28).stalled);  // other requests pass
-    EXPECT_TRUE(h.ClassOut(cdc::kSetNtbFormat, 1).stalled);
-    EXPECT_FALSE(h.dev.GetState().ntb32);
-    EXPECT_FALSE(h.ClassOut(cdc::kSetNtbFormat, 1).stalled);
-    h.dev.StallNextControl(2);
-    EXPECT_TRUE(h.GetDescriptor(usb::kDescDevice, 0, 18).stalled);
-    EXPECT_TRUE(h.GetDescriptor(usb::kDescDevice, 0, 18).stalled);
-    EXPECT_FALSE(h.GetDescriptor(usb::kDescDevice, 0, 18).stalled);
-}
-
 TEST(Faults, HeldControlTransfer)
 {
     Harness h;
@@ -104,42 +53,6 @@ TEST(Faults, HeldControlTransfer)
     EXPECT_EQ(h.port.completions[0].transfer, &p.transfer);
     EXPECT_FALSE(h.port.completions[0].stall);
     EXPECT_EQ(p.transfer.actual, 28u);
-}
-
-TEST(Faults, HeldControlForgottenOnAbort)
-{
-    Harness h;
-    ASSERT_TRUE(h.SetConfiguration(1));
-    h.dev.HoldNextControl(1);
-    PendingControl p;
-    h.Submit(&p, 0x21, cdc::kSetNtbFormat, 1, 0, 0);
-    // The host times out and cancels; the device must never complete it.
-    h.dev.EndpointAborted(0x00);
-    h.dev.ReleaseHeldControl();
-    EXPECT_TRUE(h.port.completions.empty());
-    EXPECT_TRUE(h.dev.GetState().ntb32);  // the request took effect when it arrived
-}
-
-TEST(Faults, DelayedControlCompletion)
-{
-    Harness h;
-    std::vector<uint64_t> requests;
-    h.dev.SetServiceRequest([&requests](uint64_t due) { requests.push_back(due); });
-    ASSERT_TRUE(h.SetConfiguration(1));
-    h.port.now = 1000;
-    h.dev.DelayNextControl(1, 3);
-    PendingControl p;
-    h.Submit(&p, 0xA1, cdc::kGetNtbFormat, 0, 0, 2);
-    EXPECT_TRUE(h.port.completions.empty());
-    ASSERT_EQ(requests, std::vector<uint64_t>{1000 + 30000});
-    EXPECT_EQ(h.dev.NextDeadline(), std::optional<uint64_t>(31000));
-    h.port.now = 30999;
-    h.dev.Service();
-    EXPECT_TRUE(h.port.completions.empty());
-    h.port.now = 31000;
-    h.dev.Service();
-    ASSERT_EQ(h.port.completions.size(), 1u);
-    EXPECT_EQ(p.transfer.actual, 2u);
 }
 
 TEST(Faults, UnplugDisconnects)

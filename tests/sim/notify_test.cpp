@@ -54,17 +54,6 @@ TEST(Notifications, DataInterfaceStartReportsSpeedThenConnection)
     EXPECT_EQ(h.dev.Traffic().notifications, 2u);
 }
 
-TEST(Notifications, ConnectionFirstWhenProfileSaysSo)
-{
-    DeviceProfile p;
-    p.speedBeforeConnection = false;
-    Harness h(p);
-    ASSERT_TRUE(h.SetConfiguration(1));
-    ASSERT_TRUE(h.SetInterface(1, 1));
-    EXPECT_EQ(Parse(*h.ReadNotify()).code, cdc::kNotifyNetworkConnection);
-    EXPECT_EQ(Parse(*h.ReadNotify()).code, cdc::kNotifyConnectionSpeedChange);
-}
-
 TEST(Notifications, LinkChanges)
 {
     Harness h;
@@ -91,19 +80,6 @@ TEST(Notifications, LinkChanges)
     EXPECT_EQ(s.uplinkBitRate, 40000000u);
 }
 
-TEST(Notifications, StartWithLinkDownSaysDisconnectedOnly)
-{
-    DeviceProfile p;
-    p.linkUp = false;
-    Harness h(p);
-    ASSERT_TRUE(h.SetConfiguration(1));
-    ASSERT_TRUE(h.SetInterface(1, 1));
-    Notification n = Parse(*h.ReadNotify());
-    EXPECT_EQ(n.code, cdc::kNotifyNetworkConnection);
-    EXPECT_EQ(n.value, 0);
-    EXPECT_FALSE(h.ReadNotify().has_value());
-}
-
 TEST(Notifications, OnCommand)
 {
     Harness h;
@@ -116,18 +92,6 @@ TEST(Notifications, OnCommand)
     Notification s = Parse(*h.ReadNotify());
     EXPECT_EQ(ethsim::Get32(&s.data[0]), 1u);
     EXPECT_EQ(ethsim::Get32(&s.data[4]), 2u);
-}
-
-TEST(Notifications, MalformedOnDemand)
-{
-    Harness h;
-    ASSERT_TRUE(h.SetConfiguration(1));
-    h.dev.InjectNotification(Bytes{0xA1, 0x2A, 0, 0});           // short
-    h.dev.InjectNotification(Bytes{0xA1, 0x55, 0, 0, 0, 0, 0, 0});  // unknown code
-    h.dev.InjectNotification(Bytes());                            // zero length
-    EXPECT_EQ(*h.ReadNotify(), (Bytes{0xA1, 0x2A, 0, 0}));
-    EXPECT_EQ((*h.ReadNotify())[1], 0x55);
-    EXPECT_TRUE(h.ReadNotify()->empty());
 }
 
 TEST(Notifications, SplitAcrossSmallPackets)
@@ -157,11 +121,4 @@ TEST(Notifications, EndpointReadyWhenQueuedAfterNak)
     EXPECT_TRUE(h.port.ready.empty());
     h.dev.NotifyResponseAvailable();
     EXPECT_EQ(h.port.ready, std::vector<uint8_t>{0x81});
-}
-
-TEST(Notifications, NotConfiguredStalls)
-{
-    Harness h;
-    Bytes p;
-    EXPECT_EQ(h.InPacket(0x81, &p, 16), UsbHandshake::Stall);
 }

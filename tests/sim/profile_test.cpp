@@ -79,18 +79,6 @@ TEST(Profile, OverridesKeepTheRest)
     EXPECT_EQ(p.rawStrings.at(0), (ethsim::Bytes{4, 3, 9, 4}));
 }
 
-TEST(Profile, LayersOnABase)
-{
-    DeviceProfile base;
-    base.wNumberMCFilters = 3;
-    DeviceProfile p = ParseProfile(R"({"ethernet": {"iMACAddress": 9}})", "x", base);
-    EXPECT_EQ(p.wNumberMCFilters, 3);
-    EXPECT_EQ(p.iMACAddress, 9);
-    // null removes a raw override of the base.
-    base.rawBos = ethsim::Bytes{5, 15, 5, 0, 0};
-    EXPECT_FALSE(ParseProfile(R"({"raw": {"bos": null}})", "x", base).rawBos.has_value());
-}
-
 TEST(Profile, RoundTripsThroughJson)
 {
     DeviceProfile p;
@@ -141,23 +129,6 @@ TEST(Profile, ErrorsNameFileFieldAndProblem)
     const std::string syntax = ErrorOf("{\"speed\": \"high\",\n}");
     EXPECT_EQ(syntax.rfind("test.json: not valid JSON: ", 0), 0u) << syntax;
     EXPECT_NE(syntax.find("line 2"), std::string::npos) << syntax;
-}
-
-TEST(Profile, LoadsFromAFile)
-{
-    const std::string path = ::testing::TempDir() + "ethsim_profile_test.json";
-    {
-        std::ofstream f(path);
-        f << R"({"ntbParameters": {"wNdpOutAlignment": 8}})";
-    }
-    EXPECT_EQ(ethsim::LoadProfile(path).ntb.wNdpOutAlignment, 8);
-    std::remove(path.c_str());
-    try {
-        ethsim::LoadProfile(path);
-        FAIL() << "a missing file loads";
-    } catch (const ProfileError& e) {
-        EXPECT_EQ(std::string(e.what()), path + ": cannot be opened");
-    }
 }
 
 TEST(Profile, ChangesReachTheDevice)

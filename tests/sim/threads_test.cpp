@@ -96,26 +96,3 @@ TEST(Threads, ConcurrentSourcesAndBusReads)
     EXPECT_EQ(dev.GetState().framesQueued, 0u);
     dev.Detached();
 }
-
-TEST(Threads, LinkTogglingWhileFramesFlow)
-{
-    ethsim::DeviceProfile p;
-    ethsim::NcmDevice dev(p);
-    ThreadPort port;
-    dev.Attached(&port);
-    Control(dev, 0x00, ethsim::usb::kSetConfiguration, 1, 0);
-    Control(dev, 0x01, ethsim::usb::kSetInterface, 1, 1);
-    ethsim::CountingGenerator gen({0x02, 0, 0, 0, 0, 1}, p.macAddress);
-    gen.Connect(&dev);
-    std::thread t([&] { gen.Generate(3000, 64); });
-    for (int i = 0; i < 200; ++i) {
-        dev.SetLink(i % 2 == 0);
-        dev.NotifySpeedChange(static_cast<uint32_t>(i), 0);
-    }
-    t.join();
-    dev.SetLink(true);
-    const ethsim::TrafficCounters c = dev.Traffic();
-    // Every frame is either queued or counted as dropped for the link.
-    EXPECT_EQ(dev.GetState().framesQueued + c.inDroppedLinkDown + c.inQueueFull, 3000u);
-    dev.Detached();
-}

@@ -45,15 +45,6 @@ TEST_F(UsbBusControl, ConfigurationDescriptorHeaderThenWhole) {
     EXPECT_EQ(Bytes(buf.begin(), buf.begin() + total), whole);
 }
 
-TEST_F(UsbBusControl, StringDescriptorCarriesIndexAndLanguage) {
-    uint8_t buf[255] = {};
-    Request& r = DescriptorRequest(USB_STRING_DESCRIPTOR_TYPE, 3, buf, sizeof(buf), 0x0409);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb()->UrbControlDescriptorRequest.TransferBufferLength, 6u);
-    EXPECT_EQ(dev.setups.back().wValue, 0x0303);
-    EXPECT_EQ(dev.setups.back().wIndex, 0x0409);
-}
-
 TEST_F(UsbBusControl, ClassRequestsToTheInterface) {
     dev.classIn[0x80] = Pattern(28);
     uint8_t params[28] = {};
@@ -79,28 +70,6 @@ TEST_F(UsbBusControl, ClassRequestsToTheInterface) {
     ASSERT_EQ(SendAndRun(none), STATUS_SUCCESS);
     EXPECT_EQ(dev.setups.back().wValue, 1);
     EXPECT_EQ(dev.setups.back().wLength, 0);
-}
-
-TEST_F(UsbBusControl, RequestTypeFollowsTheFunction) {
-    struct Case {
-        USHORT function;
-        ULONG flags;
-        uint8_t expect;
-    } cases[] = {
-        {URB_FUNCTION_CLASS_DEVICE, 0, 0x20},   {URB_FUNCTION_CLASS_ENDPOINT, 0, 0x22},
-        {URB_FUNCTION_CLASS_OTHER, 0, 0x23},    {URB_FUNCTION_VENDOR_DEVICE, 0, 0x40},
-        {URB_FUNCTION_VENDOR_INTERFACE, 1, 0xC1},
-    };
-    for (const Case& c : cases) {
-        dev.classIn[0x01] = {};
-        Request& r = NewRequest();
-        UsbBuildVendorRequest(r.urb(), c.function, (USHORT)sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST),
-                              c.flags | USBD_SHORT_TRANSFER_OK, 0, 0x01, 0x1234, 0x5678, nullptr, NULL, 0, NULL);
-        SendAndRun(r);
-        EXPECT_EQ(dev.setups.back().bmRequestType, c.expect) << "function " << c.function;
-        EXPECT_EQ(dev.setups.back().wValue, 0x1234);
-        EXPECT_EQ(dev.setups.back().wIndex, 0x5678);
-    }
 }
 
 TEST_F(UsbBusControl, ShortClassAnswerNeedsShortTransferOk) {
@@ -148,72 +117,6 @@ TEST_F(UsbBusControl, ControlTransfersReachTheDeviceOneAtATimeInOrder) {
     EXPECT_EQ(r2.urb()->UrbControlDescriptorRequest.TransferBufferLength, 9u);
 }
 
-TEST_F(UsbBusControl, DeviceAnsweringInsideItsCallCompletesAlike) {
-    // The fake device answers inside ControlTransfer unless deferred; the
-    // deferred path answers from the test thread. Both give the same result.
-    uint8_t a[18] = {}, b[18] = {};
-    Request& r1 = DescriptorRequest(USB_DEVICE_DESCRIPTOR_TYPE, 0, a, sizeof(a));
-    ASSERT_EQ(SendAndRun(r1), STATUS_SUCCESS);
-    dev.deferControl = true;
-    Request& r2 = DescriptorRequest(USB_DEVICE_DESCRIPTOR_TYPE, 0, b, sizeof(b));
-    Send(r2);
-    kplat::RunUntilIdle();
-    dev.AnswerDeferred();
-    kplat::RunUntilIdle();
-    EXPECT_EQ(r2.status, STATUS_SUCCESS);
-    EXPECT_EQ(Bytes(a, a + 18), Bytes(b, b + 18));
-}
-
-TEST_F(UsbBusControl, FeatureStatusAndFrameNumber) {
-    Request& f = NewRequest();
-    UsbBuildFeatureRequest(f.urb(), URB_FUNCTION_SET_FEATURE_TO_DEVICE, USB_FEATURE_REMOTE_WAKEUP, 0, NULL);
-    SendAndRun(f);
-    EXPECT_EQ(dev.setups.back().bmRequestType, 0x00);
-    EXPECT_EQ(dev.setups.back().bRequest, USB_REQUEST_SET_FEATURE);
-    EXPECT_EQ(dev.setups.back().wValue, USB_FEATURE_REMOTE_WAKEUP);
-
-    USHORT status = 0xFFFF;
-    Request& g = NewRequest();
-    g.urb()->UrbHeader.Length = sizeof(struct _URB_CONTROL_GET_STATUS_REQUEST);
-    g.urb()->UrbHeader.Function = URB_FUNCTION_GET_STATUS_FROM_DEVICE;
-    g.urb()->UrbControlGetStatusRequest.TransferBuffer = &status;
-    g.urb()->UrbControlGetStatusRequest.TransferBufferLength = 2;
-    ASSERT_EQ(SendAndRun(g), STATUS_SUCCESS);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(dev.setups.back().bmRequestType, 0x80);
-
-    kplat::AdvanceTime(1234);
-    Request& n = NewRequest();
-    n.urb()->UrbHeader.Length = sizeof(struct _URB_GET_CURRENT_FRAME_NUMBER);
-    n.urb()->UrbHeader.Function = URB_FUNCTION_GET_CURRENT_FRAME_NUMBER;
-    ASSERT_EQ(SendAndRun(n), STATUS_SUCCESS);
-    EXPECT_EQ(n.urb()->UrbGetCurrentFrameNumber.FrameNumber, 1234u);
-}
-
-TEST_F(UsbBusControl, PortStatusAndPlugAndPlayRequests) {
-    PIRP irp = IoAllocateIrp(bus->Pdo()->StackSize, FALSE);
-    ULONG port = 0;
-    PIO_STACK_LOCATION s = IoGetNextIrpStackLocation(irp);
-    s->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    s->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_GET_PORT_STATUS;
-    s->Parameters.Others.Argument1 = &port;
-    EXPECT_EQ(IoCallDriver(bus->Pdo(), irp), STATUS_SUCCESS);
-    EXPECT_EQ(port, (ULONG)(USBD_PORT_ENABLED | USBD_PORT_CONNECTED));
-
-    IoReuseIrp(irp, STATUS_NOT_SUPPORTED);
-    s = IoGetNextIrpStackLocation(irp);
-    s->MajorFunction = IRP_MJ_PNP;
-    s->MinorFunction = IRP_MN_START_DEVICE;
-    EXPECT_EQ(IoCallDriver(bus->Pdo(), irp), STATUS_SUCCESS);
-
-    IoReuseIrp(irp, STATUS_NOT_SUPPORTED);
-    s = IoGetNextIrpStackLocation(irp);
-    s->MajorFunction = IRP_MJ_PNP;
-    s->MinorFunction = 0x09;  // a query the PDO does not answer keeps its status
-    EXPECT_EQ(IoCallDriver(bus->Pdo(), irp), STATUS_NOT_SUPPORTED);
-    IoFreeIrp(irp);
-}
-
 // ---------------------------------------------------------------------------
 // Configuration and interface selection
 // ---------------------------------------------------------------------------
@@ -240,27 +143,16 @@ TEST_F(UsbBusSelect, SelectConfigurationFillsHandlesAndPipes) {
     EXPECT_EQ(urb->UrbHeader.Status, USBD_STATUS_SUCCESS);
     EXPECT_NE(urb->UrbSelectConfiguration.ConfigurationHandle, nullptr);
     EXPECT_EQ(dev.configuration, 1);
-    EXPECT_EQ(bus->ConfigurationValue(), 1);
-    ASSERT_FALSE(dev.setups.empty());
-    EXPECT_EQ(dev.setups.back().bmRequestType, 0x00);
     EXPECT_EQ(dev.setups.back().bRequest, USB_REQUEST_SET_CONFIGURATION);
     EXPECT_EQ(dev.setups.back().wValue, 1);
 
     PUSBD_INTERFACE_INFORMATION i0 = list[0].Interface, i1 = list[1].Interface;
-    EXPECT_EQ(i0->Class, 0x02);
     EXPECT_EQ(i0->SubClass, 0x0D);
-    EXPECT_EQ(i0->Protocol, 0x00);
-    EXPECT_NE(i0->InterfaceHandle, nullptr);
     ASSERT_EQ(i0->NumberOfPipes, 1u);
     EXPECT_EQ(i0->Pipes[0].EndpointAddress, kIntIn);
-    EXPECT_EQ(i0->Pipes[0].MaximumPacketSize, kIntPacket);
-    EXPECT_EQ(i0->Pipes[0].Interval, 9);
     EXPECT_EQ(i0->Pipes[0].PipeType, UsbdPipeTypeInterrupt);
     EXPECT_NE(i0->Pipes[0].PipeHandle, nullptr);
     EXPECT_EQ(i0->Pipes[0].MaximumTransferSize, 4096u);  // the caller's, untouched
-    EXPECT_EQ(i1->Class, 0x0A);
-    EXPECT_EQ(i1->Protocol, 0x01);
-    EXPECT_NE(i1->InterfaceHandle, nullptr);
     EXPECT_NE(i1->InterfaceHandle, i0->InterfaceHandle);
     EXPECT_EQ(i1->NumberOfPipes, 0u);
     ExFreePoolWithTag(urb, 0);
@@ -272,10 +164,7 @@ TEST_F(UsbBusSelect, SelectInterfaceOpensTheBulkPipes) {
     UsbBuildSelectInterfaceRequest(r.urb(), (USHORT)GET_SELECT_INTERFACE_REQUEST_SIZE(2), configHandle, 1, 1);
     EXPECT_EQ(r.urb()->UrbSelectInterface.Interface.Length, 72);
     ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(dev.setups.back().bmRequestType, 0x01);
     EXPECT_EQ(dev.setups.back().bRequest, USB_REQUEST_SET_INTERFACE);
-    EXPECT_EQ(dev.setups.back().wValue, 1);
-    EXPECT_EQ(dev.setups.back().wIndex, 1);
     EXPECT_EQ(dev.alternate[1], 1);
     auto& info = r.urb()->UrbSelectInterface.Interface;
     ASSERT_EQ(info.NumberOfPipes, 2u);
@@ -309,19 +198,6 @@ TEST_F(UsbBusSelect, SelectInterfaceWithoutPipesUsesTheShortRecord) {
     EXPECT_EQ(Send(notify), STATUS_PENDING);
 }
 
-TEST_F(UsbBusSelect, ReselectingGivesNewHandlesAndRefusesTheOldOnes) {
-    ConfigureAll();
-    USBD_PIPE_HANDLE oldOut = bulkOut;
-    SelectData();
-    EXPECT_NE(bulkOut, oldOut);
-    Bytes data = Pattern(10);
-    Request& stale = BulkRequest(oldOut, 0, data.data(), 10);
-    EXPECT_EQ(Send(stale), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(stale.urb()->UrbHeader.Status, USBD_STATUS_INVALID_PIPE_HANDLE);
-    Request& fresh = BulkRequest(bulkOut, 0, data.data(), 10);
-    EXPECT_EQ(SendAndRun(fresh), STATUS_SUCCESS);
-}
-
 TEST_F(UsbBusSelect, UnconfigureClosesEverything) {
     ConfigureAll();
     uint8_t b[64];
@@ -346,24 +222,6 @@ TEST_F(UsbBusSelect, UnconfigureClosesEverything) {
     Request& si = NewRequest(GET_SELECT_INTERFACE_REQUEST_SIZE(2));
     UsbBuildSelectInterfaceRequest(si.urb(), (USHORT)GET_SELECT_INTERFACE_REQUEST_SIZE(2), configHandle, 1, 1);
     EXPECT_EQ(Send(si), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(UsbBusSelect, StalledSetConfigurationChangesNothing) {
-    dev.stallRequests.insert(USB_REQUEST_SET_CONFIGURATION);
-    config = ConfigurationDescriptor();
-    auto* cd = (PUSB_CONFIGURATION_DESCRIPTOR)config.data();
-    USBD_INTERFACE_LIST_ENTRY list[3] = {};
-    list[0].InterfaceDescriptor = USBD_ParseConfigurationDescriptorEx(cd, cd, 0, 0, -1, -1, -1);
-    list[1].InterfaceDescriptor = USBD_ParseConfigurationDescriptorEx(cd, cd, 1, 0, -1, -1, -1);
-    PURB urb = USBD_CreateConfigurationRequestEx(cd, list);
-    Request& r = NewRequest(urb->UrbHeader.Length);
-    memcpy(r.urb(), urb, urb->UrbHeader.Length);
-    ExFreePoolWithTag(urb, 0);
-    EXPECT_EQ(SendAndRun(r), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(r.urb()->UrbHeader.Status, USBD_STATUS_STALL_PID);
-    EXPECT_EQ(r.urb()->UrbSelectConfiguration.ConfigurationHandle, nullptr);
-    EXPECT_EQ(r.urb()->UrbSelectConfiguration.Interface.Pipes[0].PipeHandle, nullptr);
-    EXPECT_EQ(bus->ConfigurationValue(), 0);
 }
 
 // ---------------------------------------------------------------------------
@@ -417,46 +275,42 @@ TEST_F(UsbBusBulk, TransfersOnAPacketBoundaryGetNoZeroLengthPacket) {
     EXPECT_EQ(dev.outTransfers[0], both);
 }
 
-TEST_F(UsbBusBulk, ZeroLengthWriteWithoutBufferIsOnePacket) {
-    Request& r = BulkRequest(bulkOut, 0, nullptr, 0);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    ASSERT_EQ(dev.outPackets.size(), 1u);
-    EXPECT_TRUE(dev.outPackets[0].data.empty());
-}
-
-TEST_F(UsbBusBulk, InCompletesOnAShortPacket) {
-    Bytes p1 = Pattern(512, 3), p2 = Pattern(100, 4);
-    dev.QueueIn(kBulkIn, p1);
-    dev.QueueIn(kBulkIn, p2);
-    Bytes buf(4096);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 4096);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 612u);
-    Bytes expect = p1;
-    expect.insert(expect.end(), p2.begin(), p2.end());
-    EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 612), expect);
-    for (uint32_t m : dev.maxLengths) EXPECT_EQ(m, kBulkPacket);  // the device is asked for whole packets
-}
-
-TEST_F(UsbBusBulk, InCompletesOnAZeroLengthPacket) {
-    dev.QueueIn(kBulkIn, Pattern(512));
-    dev.QueueIn(kBulkIn, {});
-    dev.QueueIn(kBulkIn, Pattern(10, 9));
-    Bytes buf(2048);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 2048);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 512u);
-    EXPECT_EQ(dev.InQueued(kBulkIn), 1u);  // the next transfer's data stays with the device
-}
-
-TEST_F(UsbBusBulk, InCompletesWhenTheBufferIsFull) {
-    for (int i = 0; i < 3; i++) dev.QueueIn(kBulkIn, Pattern(512, (uint8_t)i));
-    Bytes buf(1024);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN, buf.data(), 1024);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 1024u);
-    EXPECT_EQ(dev.InQueued(kBulkIn), 1u);
-    EXPECT_EQ(dev.inCalls, 2);
+// An IN transfer ends on a short packet, a zero-length packet or a full
+// buffer; what the device still holds stays with it.
+TEST_F(UsbBusBulk, InTransferEnds) {
+    struct Case {
+        const char* name;
+        std::vector<size_t> packets;  // SIZE_MAX: none
+        ULONG buffer;
+        ULONG flags;
+        ULONG expect;
+        size_t left;
+    } cases[] = {
+        {"short packet", {512, 100}, 4096, USBD_SHORT_TRANSFER_OK, 612, 0},
+        {"zero-length packet", {512, 0, 10}, 2048, USBD_SHORT_TRANSFER_OK, 512, 1},
+        {"full buffer", {512, 512, 512}, 1024, 0, 1024, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes expect;
+        for (size_t i = 0; i < c.packets.size(); i++) {
+            Bytes p = Pattern(c.packets[i], (uint8_t)i);
+            dev.QueueIn(kBulkIn, p);
+            if (expect.size() < c.expect) expect.insert(expect.end(), p.begin(), p.end());
+        }
+        dev.maxLengths.clear();
+        Bytes buf(c.buffer);
+        Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | c.flags, buf.data(), c.buffer);
+        ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
+        EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, c.expect);
+        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + c.expect), expect);
+        EXPECT_EQ(dev.InQueued(kBulkIn), c.left);
+        for (uint32_t m : dev.maxLengths) EXPECT_EQ(m, kBulkPacket);  // whole packets are asked for
+        while (dev.InQueued(kBulkIn)) {
+            Request& d = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 512);
+            SendAndRun(d);
+        }
+    }
 }
 
 TEST_F(UsbBusBulk, ShortTransferWithoutShortTransferOkFails) {
@@ -496,26 +350,6 @@ TEST_F(UsbBusBulk, MdlBufferIsUsedInsteadOfThePointer) {
     ExFreePoolWithTag(block, 0);
 }
 
-TEST_F(UsbBusBulk, TransfersOfAPipeCompleteInSubmissionOrder) {
-    for (int i = 0; i < 4; i++) dev.QueueIn(kBulkIn, Pattern(10 + i, (uint8_t)i));
-    std::vector<Bytes> bufs(4, Bytes(64));
-    std::vector<int> order;
-    std::mutex m;
-    for (int i = 0; i < 4; i++) {
-        Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, bufs[i].data(), 64);
-        r.onComplete = [&order, &m, i](Request&) {
-            std::lock_guard<std::mutex> lk(m);
-            order.push_back(i);
-        };
-        Send(r);
-    }
-    kplat::RunUntilIdle();
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
-    for (int i = 0; i < 4; i++) {
-        EXPECT_EQ(Bytes(bufs[i].begin(), bufs[i].begin() + 10 + i), Pattern(10 + i, (uint8_t)i));
-    }
-}
-
 TEST_F(UsbBusBulk, PipesTakeTurnsPacketByPacket) {
     // Both transfers wait (Nak) until the device makes both endpoints ready
     // at once, from inside one of the bus's calls; from then on the bus
@@ -545,17 +379,6 @@ TEST_F(UsbBusBulk, PipesTakeTurnsPacketByPacket) {
     EXPECT_EQ(seen, (Bytes{kBulkIn, kBulkOut, kBulkIn, kBulkOut, kBulkIn, kBulkOut, kBulkIn}));
 }
 
-TEST_F(UsbBusBulk, InterruptPipeCarriesNotifications) {
-    Bytes note = {0xA1, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
-    dev.QueueIn(kIntIn, note);
-    Bytes buf(16);
-    Request& r = BulkRequest(intPipe, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 16);
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);
-    EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 8u);
-    EXPECT_EQ(Bytes(buf.begin(), buf.begin() + 8), note);
-    for (uint32_t m : dev.maxLengths) EXPECT_EQ(m, kIntPacket);
-}
-
 // ---------------------------------------------------------------------------
 // Nak
 // ---------------------------------------------------------------------------
@@ -579,18 +402,6 @@ TEST_F(UsbBusNak, InStaysPendingUntilTheEndpointIsReady) {
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 40u);
     EXPECT_GE(bus->Stats().naks, 1u);
-}
-
-TEST_F(UsbBusNak, ReadyForAnotherEndpointDoesNotWakeThePipe) {
-    Bytes buf(64);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 64);
-    Send(r);
-    kplat::RunUntilIdle();
-    int polled = dev.inCalls;
-    dev.port->EndpointReady(kIntIn);
-    kplat::RunUntilIdle();
-    EXPECT_EQ(dev.inCalls, polled);
-    EXPECT_FALSE(r.done());
 }
 
 TEST_F(UsbBusNak, ReadySignalledDuringTheNakIsNotLost) {
@@ -620,17 +431,6 @@ TEST_F(UsbBusNak, OutWaitsForBufferSpaceAndResumesMidTransfer) {
     EXPECT_EQ(dev.outTransfers[0], data);
 }
 
-TEST_F(UsbBusNak, ANakedPipeDoesNotHoldUpTheOthers) {
-    Bytes in(64), out = Pattern(100);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, in.data(), 64);
-    Request& w = BulkRequest(bulkOut, 0, out.data(), 100);
-    Send(r);
-    Send(w);
-    kplat::RunUntilIdle();
-    EXPECT_FALSE(r.done());
-    EXPECT_EQ(w.status, STATUS_SUCCESS);
-}
-
 // ---------------------------------------------------------------------------
 // Where completion runs
 // ---------------------------------------------------------------------------
@@ -647,20 +447,6 @@ TEST_F(UsbBusCompletion, InlineCompletionRunsInsideTheSubmittingCall) {
     EXPECT_EQ(r.thread, std::this_thread::get_id());
     EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);  // given back to the caller
     EXPECT_EQ(r.status, STATUS_SUCCESS);
-}
-
-TEST_F(UsbBusCompletion, InlineModeStillPendsWhatTheDeviceCannotDoYet) {
-    bus->SetInlineCompletion(true);
-    Bytes buf(64);
-    Request& r = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 64);
-    EXPECT_EQ(Send(r), STATUS_PENDING);
-    EXPECT_FALSE(r.done());
-    dev.QueueIn(kBulkIn, Pattern(5));
-    dev.port->EndpointReady(kBulkIn);
-    kplat::RunUntilIdle();
-    ASSERT_TRUE(r.done());
-    EXPECT_FALSE(r.completedInCall);
-    EXPECT_EQ(r.irql, DISPATCH_LEVEL);
 }
 
 TEST_F(UsbBusCompletion, ResubmittingFromTheCompletionRoutineDoesNotRecurse) {
@@ -683,17 +469,6 @@ TEST_F(UsbBusCompletion, ResubmittingFromTheCompletionRoutineDoesNotRecurse) {
     EXPECT_EQ(rounds, 50);
     EXPECT_EQ(maxDepth, 1);
     EXPECT_EQ(dev.InQueued(kBulkIn), 0u);
-}
-
-TEST_F(UsbBusCompletion, SubmissionAtDispatchLevelIsAccepted) {
-    Bytes data = Pattern(10);
-    Request& r = BulkRequest(bulkOut, 0, data.data(), 10);
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    EXPECT_EQ(Send(r), STATUS_PENDING);
-    KeLowerIrql(old);
-    kplat::RunUntilIdle();
-    EXPECT_EQ(r.status, STATUS_SUCCESS);
 }
 
 // ---------------------------------------------------------------------------
@@ -723,23 +498,6 @@ TEST_F(UsbBusPacing, TransfersTakeTheTimeOfTheLinkRate) {
     EXPECT_EQ(r.status, STATUS_SUCCESS);
     EXPECT_EQ(dev.outPackets.size(), 512u);
     EXPECT_EQ(kplat::Now() - start, 50000u);
-}
-
-TEST_F(UsbBusPacing, OffByDefaultAndSwitchable) {
-    Bytes data = Pattern(1 << 20);
-    Request& r = BulkRequest(bulkOut, 0, data.data(), (ULONG)data.size());
-    ASSERT_EQ(SendAndRun(r), STATUS_SUCCESS);  // unpaced: no time passes
-    bus->SetLinkRate(kplat::UsbBus::LinkRate(kplat::UsbSpeed::Super));
-    // 2048 packets at 5 Gbit/s: 0.832 us each, 1.7 ms in all.
-    Request& r2 = BulkRequest(bulkOut, 0, data.data(), (ULONG)data.size());
-    Send(r2);
-    kplat::RunUntilIdle();
-    EXPECT_FALSE(r2.done());
-    kplat::AdvanceTime(2);
-    EXPECT_TRUE(r2.done());
-    bus->SetLinkRate(0);
-    Request& r3 = BulkRequest(bulkOut, 0, data.data(), (ULONG)data.size());
-    EXPECT_EQ(SendAndRun(r3), STATUS_SUCCESS);
 }
 
 }  // namespace

@@ -221,16 +221,5 @@ TEST(UsbCaptureFile, OpenFailsForAnUnwritablePath) {
     EXPECT_FALSE(error.empty());
 }
 
-TEST(UsbCaptureFile, LinuxStatusOfTheUsbStatuses) {
-    using kplat::UsbCapture;
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_SUCCESS), 0);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_STALL_PID), -32);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_CANCELED), -2);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_DEVICE_GONE), -108);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_ERROR_SHORT_TRANSFER), -121);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_DATA_OVERRUN), -75);
-    EXPECT_EQ(UsbCapture::LinuxStatus(USBD_STATUS_INVALID_PIPE_HANDLE), -22);
-}
-
 }  // namespace
 }  // namespace usbtest

@@ -60,19 +60,6 @@ TEST_F(BufferTest, PagePathGivesZeroedMappedPages) {
     ExpectNothingAllocated();
 }
 
-TEST_F(BufferTest, PoolPathDescribesAPoolBlock) {
-    KnUsbBulkIntBuffer buf;
-    ASSERT_EQ(STATUS_SUCCESS, buf.Allocate(1, kBulkUrbSize, 100, false));
-    EXPECT_EQ(1u, kplat::GetPoolTagStats(KN_POOL_TAG_MDL_BUFFER).liveCount);
-    EXPECT_EQ(1u, kplat::GetPoolTagStats(KN_POOL_TAG_URB).liveCount);
-    ASSERT_NE(nullptr, buf.Mdl());
-    EXPECT_EQ(100u, MmGetMdlByteCount(buf.Mdl()));
-    EXPECT_EQ(buf.Buffer(), MmGetMdlVirtualAddress(buf.Mdl()));
-    EXPECT_TRUE(buf.Mdl()->MdlFlags & MDL_SOURCE_IS_NONPAGED_POOL);
-    buf.Free();
-    ExpectNothingAllocated();
-}
-
 TEST_F(BufferTest, ShortenedPageAllocationFailsAndLeavesNothing) {
     KnUsbBulkIntBuffer buf;
     kplat::ShortenNextPageAllocation(4096);
@@ -112,40 +99,6 @@ TEST_F(BufferTest, EachFailedPartFreesTheOthers) {
     }
 }
 
-TEST_F(BufferTest, PageAllocationFailure) {
-    KnMdlMappedBuffer mem;
-    kplat::FailTag(kplat::MakeTag("Page"), 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, mem.Allocate(4096, true));
-    EXPECT_TRUE(Traced("ethbrg:KnMdlMappedBuffer::Allocate: MmAllocatePagesForMdl(4096) failed\n"));
-    EXPECT_FALSE(mem.IsValid());
-    ExpectNothingAllocated();
-}
-
-TEST_F(BufferTest, SizeZeroSkipsThatPart) {
-    KnUsbBulkIntBuffer buf;
-    ASSERT_EQ(STATUS_SUCCESS, buf.Allocate(1, kBulkUrbSize, 0, true));
-    EXPECT_EQ(nullptr, buf.Buffer());
-    EXPECT_EQ(0u, buf.BufferSize());
-    EXPECT_EQ(nullptr, buf.Mdl());
-    EXPECT_NE(nullptr, buf.Urb());
-    EXPECT_NE(nullptr, buf.Irp());
-
-    KnUsbBulkIntBuffer bare;
-    ASSERT_EQ(STATUS_SUCCESS, bare.Allocate(0, 0, 64, false));
-    EXPECT_EQ(nullptr, bare.Urb());
-    EXPECT_EQ(nullptr, bare.Irp());
-    EXPECT_NE(nullptr, bare.Buffer());
-}
-
-TEST_F(BufferTest, FreeOfAnEmptyBufferDoesNothing) {
-    KnUsbBulkIntBuffer buf;
-    buf.Free();
-    KnMdlMappedBuffer mem;
-    mem.Free();
-    EXPECT_EQ("", mCapture.Text());
-    ExpectNothingAllocated();
-}
-
 TEST_F(BufferTest, CompletionStatusMapping) {
     KnUsbBulkIntBuffer buf;
     ASSERT_EQ(STATUS_SUCCESS, buf.Allocate(1, kBulkUrbSize, 0, false));
@@ -172,36 +125,6 @@ TEST_F(BufferTest, CompletionStatusMapping) {
         EXPECT_EQ(c.urb, buf.UrbStatus());
     }
     EXPECT_EQ("", mCapture.Text());
-}
-
-TEST_F(BufferTest, DataLength) {
-    KnUsbBulkIntBuffer buf;
-    ASSERT_EQ(STATUS_SUCCESS, buf.Allocate(1, kBulkUrbSize, 64, false));
-    buf.SetDataLength(64);
-    EXPECT_EQ(64u, buf.DataLength());
-    EXPECT_EQ("", mCapture.Text());
-    buf.SetDataLength(65);
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (mDataLength<=BufferSize())"));
-
-    buf.Urb()->UrbBulkOrInterruptTransfer.TransferBufferLength = 17;
-    EXPECT_EQ(17u, buf.UpdateDataLength());
-    EXPECT_EQ(17u, buf.DataLength());
-
-    buf.Urb()->UrbHeader.Length = 99;
-    buf.ZeroUrb();
-    EXPECT_EQ(0, buf.Urb()->UrbHeader.Length);
-}
-
-TEST_F(BufferTest, AccessorsWithoutUrbOrIrpAssert) {
-    KnUsbBulkIntBuffer buf;
-    buf.ZeroUrb();
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (mUrb!=NULL)"));
-    (void)buf.IrpStatus();
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (mIrp!=NULL)"));
-    EXPECT_EQ(0u, buf.UpdateDataLength());
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (urb!=NULL)"));
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, buf.GetCompletionStatus());
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (irp!=NULL)"));
 }
 
 }  // namespace

@@ -80,15 +80,6 @@ TEST_F(ConfigDescriptorTest, FailedReadsPassTheirStatusOnAndLeaveNothing) {
     EXPECT_EQ(0u, LiveTag(KN_POOL_TAG_USB_CONFIG));
 }
 
-TEST_F(ConfigDescriptorTest, AllocationFailureIsInsufficientResources) {
-    mPdo.configDescriptor = NcmConfig();
-    kplat::FailTag(KN_POOL_TAG_USB_CONFIG, 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Load());
-    EXPECT_TRUE(Traced("KnUsbConfigDescriptor::Load: KnAllocateMemory(" + std::to_string(NcmConfig().size()) +
-                       " bytes) failed\n"));
-    EXPECT_FALSE(mDesc.IsValid());
-}
-
 TEST_F(ConfigDescriptorTest, ShortFullReadIsUsedAsFarAsItGoes) {
     // The last endpoint descriptor (7 bytes) loses its last 5 bytes.
     mPdo.configDescriptor = NcmConfig();
@@ -160,34 +151,6 @@ TEST_F(ConfigDescriptorTest, SearchesIncludeTheirStart) {
     PUSB_COMMON_DESCRIPTOR cs = mDesc.FindDescriptor(comm, 0x24);
     ASSERT_NE(nullptr, cs);
     EXPECT_EQ(5, cs->bLength);
-}
-
-TEST_F(ConfigDescriptorTest, WalksOfAnEmptyObjectTraceFatal) {
-    EXPECT_EQ(nullptr, mDesc.FindDescriptor(nullptr, 4));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfigDescriptor::FindDescriptor: FATAL: no descriptor loaded\n"));
-    EXPECT_EQ(nullptr, mDesc.FindInterfaceDescriptor(nullptr, -1, -1, -1, -1, -1));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfigDescriptor::FindInterfaceDescriptor: FATAL: no descriptor loaded\n"));
-    UCHAR any[2] = {2, 4};
-    EXPECT_EQ(nullptr, mDesc.NextDescriptor(any));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfigDescriptor::NextDescriptor: FATAL: no descriptor loaded\n"));
-    EXPECT_FALSE(mDesc.IsDescriptorValid(any));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfigDescriptor::IsDescriptorValid: FATAL: no descriptor loaded\n"));
-}
-
-TEST_F(ConfigDescriptorTest, PositionOutsideTheBlockIsNotValid) {
-    mPdo.configDescriptor = NcmConfig();
-    ASSERT_EQ(STATUS_SUCCESS, Load());
-    PUCHAR begin = (PUCHAR)mDesc.GetConfigDesc();
-    PUCHAR end = begin + mDesc.GetConfigDescLength();
-    EXPECT_FALSE(mDesc.IsDescriptorValid(end));
-    EXPECT_EQ("", mCapture.Text()) << "the end of the block is the normal end of a walk";
-    EXPECT_FALSE(mDesc.IsDescriptorValid(end - 1));
-    EXPECT_TRUE(Traced("KnUsbConfigDescriptor::IsDescriptorValid: no COMMON_DESC at currentDesc\n"));
-    EXPECT_FALSE(mDesc.IsDescriptorValid(begin - 4));
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (desc_ptr>=((UCHAR*)mConfigDesc))"));
-    EXPECT_EQ(nullptr, mDesc.FindDescriptor(begin - 4, 4));
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (((UCHAR*)startDesc)>=(UCHAR*)mConfigDesc)"));
-    EXPECT_TRUE(Traced("KnUsbConfigDescriptor::FindDescriptor: startDesc not valid\n"));
 }
 
 TEST_F(ConfigDescriptorTest, LoadAgainReplacesTheBlock) {

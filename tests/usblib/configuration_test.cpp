@@ -171,29 +171,6 @@ TEST_F(ConfigurationTest, LookupSkipsEarlierPipesOfTheOtherDirection) {
     EXPECT_EQ(nullptr, mConfig.LookupPipeInfoByTypeAndDirection(UsbdPipeTypeBulk, false, 1, -1));
 }
 
-TEST_F(ConfigurationTest, UnknownAlternateSettingKeepsTheOldRecord) {
-    mPdo.configDescriptor = NcmConfig();
-    ASSERT_EQ(STATUS_SUCCESS, Select());
-    EXPECT_EQ(STATUS_NO_SUCH_MEMBER, mConfig.PrepareSelectInterface(&mDevice, 1, 2, 4096));
-    EXPECT_TRUE(Traced("KnUsbConfiguration::PrepareSelectInterface: no interface descriptor for 0x01/0x02\n"));
-    EXPECT_NE(nullptr, mConfig.LookupInterfaceInfo(1, 0, -1, -1, -1));
-}
-
-TEST_F(ConfigurationTest, SelectInterfaceNeedsAConfigurationAndAPreparation) {
-    mPdo.configDescriptor = NcmConfig();
-    EXPECT_EQ(STATUS_INVALID_DEVICE_STATE, mConfig.PrepareSelectInterface(&mDevice, 1, 1, 4096));
-    EXPECT_TRUE(Traced("KnUsbConfiguration::PrepareSelectInterface: not in configured state\n"));
-    EXPECT_EQ(STATUS_INVALID_DEVICE_STATE, mConfig.SelectInterface(&mDevice, 500));
-    EXPECT_TRUE(Traced("KnUsbConfiguration::SelectInterface: not in configured state\n"));
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, mConfig.SelectConfiguration(&mDevice, 500));
-    EXPECT_TRUE(Traced("KnUsbConfiguration::SelectConfiguration: not prepared\n"));
-
-    ASSERT_EQ(STATUS_SUCCESS, Select());
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, mConfig.SelectInterface(&mDevice, 500));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfiguration::SelectInterface: not prepared\n"));
-    EXPECT_EQ(0u, mPdo.CountFunction(URB_FUNCTION_SELECT_INTERFACE));
-}
-
 TEST_F(ConfigurationTest, FailedSelectionsStayPreparedForAnotherTry) {
     mPdo.configDescriptor = NcmConfig();
     mPdo.failIrpStatus = STATUS_UNSUCCESSFUL;
@@ -230,8 +207,6 @@ TEST_F(ConfigurationTest, UnconfigureTwice) {
     mCapture.Take();
     EXPECT_EQ(STATUS_SUCCESS, mConfig.Unconfigure(&mDevice, true, 500));
     EXPECT_FALSE(mConfig.IsConfigured());
-    EXPECT_EQ(nullptr, mConfig.GetConfigurationHandle());
-    EXPECT_EQ(0, mConfig.GetConfigurationValue());
     EXPECT_EQ(nullptr, mConfig.LookupInterfaceInfo(-1, -1, -1, -1, -1));
     EXPECT_TRUE(mConfig.GetConfigDescriptor()->IsValid()) << "the descriptor stays loaded";
     Bytes raw = mPdo.LastUrb(URB_FUNCTION_SELECT_CONFIGURATION);
@@ -242,53 +217,6 @@ TEST_F(ConfigurationTest, UnconfigureTwice) {
     EXPECT_EQ(STATUS_SUCCESS, mConfig.Unconfigure(&mDevice, true, 500));
     EXPECT_EQ("ethbrg:KnUsbConfiguration::Unconfigure: no current configuration selected\n", mCapture.Text());
     EXPECT_EQ(2u, mPdo.CountFunction(URB_FUNCTION_SELECT_CONFIGURATION)) << "the second sends nothing";
-}
-
-TEST_F(ConfigurationTest, UnconfigureFailureIsReportedAndStillDropsTheState) {
-    mPdo.configDescriptor = NcmConfig();
-    ASSERT_EQ(STATUS_SUCCESS, Select());
-    mPdo.rule = [](PURB) { return Answer::FailIrpOnly; };
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, mConfig.Unconfigure(&mDevice, true, 500));
-    EXPECT_TRUE(Traced("KnPnPLowerDeviceUsb::UnconfigureDevice: SubmitUrbAndWait failed, st=0xC000000D"));
-    EXPECT_TRUE(Traced("KnUsbConfiguration::Unconfigure: UnconfigureDevice failed, st=0xC000000D"));
-    EXPECT_FALSE(mConfig.IsConfigured());
-}
-
-TEST_F(ConfigurationTest, SelectionTracesDumpTheInterfacesUnderMaskBit8) {
-    KnSetTraceMask(0x9);
-    mPdo.configDescriptor = NcmConfig();
-    ASSERT_EQ(STATUS_SUCCESS, Select());
-    const std::string text = mCapture.Text();
-    const char* expected[] = {
-        "ethbrg:KnUsbConfiguration::PrepareSelectConfiguration: called\n",
-        "ethbrg:KnUsbConfiguration::AddInterfaceInfo: local USBD_INTERFACE_INFORMATION\n",
-        " Interface 0:  (struct length=48)\n",
-        "   InterfaceNumber 0x00\n",
-        "   Class 0x02\n",
-        "   SubClass 0x0D\n",
-        "   NumberOfPipes 1\n",
-        "  Pipe 0:\n",
-        "    EndpointAddress 0x81\n",
-        "    PipeType 3 (UsbdPipeTypeInterrupt)\n",
-        "    MaximumPacketSize 16\n",
-        "    Interval 9\n",
-        "    MaximumTransferSize 0x00001000\n",
-        "    PipeFlags 0x00000000\n",
-        "ethbrg:KnUsbConfiguration::SelectConfiguration: called\n",
-        "ethbrg:KnUsbConfiguration::SelectConfiguration: USBD_INTERFACE_INFORMATION before\n",
-        "ethbrg:KnUsbConfiguration::SelectConfiguration: USBD_INTERFACE_INFORMATION after\n",
-        "   InterfaceHandle 0x000000001f000000\n",
-        "    PipeHandle 0x0000000091be0081\n",
-        " Interface 1:  (struct length=24)\n",
-    };
-    for (const char* e : expected) EXPECT_NE(std::string::npos, text.find(e)) << e;
-
-    mCapture.Take();
-    ASSERT_EQ(STATUS_SUCCESS, SelectDataAlternate(1));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfiguration::PrepareSelectInterface: interfaceNumber=0x01 alternateSetting=0x01 "
-                       "defaultMaxTransferSize=4096\n"));
-    EXPECT_TRUE(Traced("    PipeType 2 (UsbdPipeTypeBulk)\n"));
-    EXPECT_TRUE(Traced("ethbrg:KnUsbConfiguration::SelectInterface: USBD_INTERFACE_INFORMATION after\n"));
 }
 
 TEST_F(ConfigurationTest, RecordAllocationFailureReleasesThePreparation) {

@@ -58,11 +58,6 @@ size_t FakeUsbPdo::HeldCount() {
     return mHeld.size();
 }
 
-PURB FakeUsbPdo::HeldUrb(size_t i) {
-    std::lock_guard<std::mutex> guard(mMutex);
-    return i < mHeld.size() ? mHeld[i].urb : nullptr;
-}
-
 NTSTATUS FakeUsbPdo::Dispatch(PDEVICE_OBJECT device, PIRP irp) {
     FakeUsbPdo* self = static_cast<Extension*>(device->DeviceExtension)->self;
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
@@ -132,10 +127,6 @@ NTSTATUS FakeUsbPdo::AnswerNow(PURB urb) {
         urb->UrbHeader.Status = classUrbStatus;
         return USBD_SUCCESS(classUrbStatus) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
     }
-    case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:
-        if (transferBytes >= 0) urb->UrbBulkOrInterruptTransfer.TransferBufferLength = (ULONG)transferBytes;
-        urb->UrbHeader.Status = transferUrbStatus;
-        return transferIrpStatus;
     default:
         urb->UrbHeader.Status = USBD_STATUS_SUCCESS;
         return STATUS_SUCCESS;
@@ -145,7 +136,7 @@ NTSTATUS FakeUsbPdo::AnswerNow(PURB urb) {
 NTSTATUS FakeUsbPdo::AnswerDescriptor(PURB urb) {
     auto* req = &urb->UrbControlDescriptorRequest;
     if (!NT_SUCCESS(descriptorIrpStatus)) {
-        urb->UrbHeader.Status = descriptorUrbStatus;
+        urb->UrbHeader.Status = USBD_STATUS_STALL_PID;
         return descriptorIrpStatus;
     }
     const Bytes* source = nullptr;

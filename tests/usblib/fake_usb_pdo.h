@@ -56,8 +56,7 @@ public:
     std::map<uint8_t, Bytes> strings;          // string descriptors by index (0: language IDs)
     uint32_t shortenFullConfigReadBy = 0;      // a read of more than 9 bytes returns that much less
     int32_t baseConfigReadLength = -1;         // >= 0: what a 9-byte read returns
-    NTSTATUS descriptorIrpStatus = STATUS_SUCCESS;  // != success: descriptor reads fail so
-    USBD_STATUS descriptorUrbStatus = USBD_STATUS_STALL_PID;
+    NTSTATUS descriptorIrpStatus = STATUS_SUCCESS;  // != success: descriptor reads fail (URB: stall)
 
     // ---- class requests ----
     // Bytes an IN class request returns (at most the asked length); the rest
@@ -70,11 +69,7 @@ public:
     // at once. Called inside the dispatch routine.
     std::function<Answer(PURB urb)> rule;
     NTSTATUS failIrpStatus = STATUS_INVALID_PARAMETER;  // for Answer::FailIrpOnly
-    // Bulk/interrupt transfers completed at once: IRP and URB status, and
-    // the bytes moved (-1: all that was asked).
-    NTSTATUS transferIrpStatus = STATUS_SUCCESS;
-    USBD_STATUS transferUrbStatus = USBD_STATUS_SUCCESS;
-    int64_t transferBytes = -1;
+    // Bulk/interrupt transfers completed at once succeed with all bytes moved.
     // ABORT_PIPE completes held (not stuck) transfers of the pipe first.
     bool abortCompletesHeld = true;
 
@@ -92,8 +87,6 @@ public:
     // caller's level; bytes -1 keeps the URB's TransferBufferLength.
     void CompleteHeld(size_t i, NTSTATUS irpStatus = STATUS_SUCCESS, USBD_STATUS urbStatus = USBD_STATUS_SUCCESS,
                       int64_t bytes = -1, bool atDispatch = true);
-    // The URB of the i-th held request.
-    PURB HeldUrb(size_t i);
 
 private:
     struct Held {

@@ -41,39 +41,6 @@ TEST_F(LowerDeviceTest, RequestThatNeverCompletesTimesOutAfter500Ms) {
     EXPECT_EQ(0u, kplat::GetObjectCounts().irps);
 }
 
-TEST_F(LowerDeviceTest, TimeoutTracesNeedMaskBit2) {
-    KnSetTraceMask(0x1);
-    mPdo.rule = [](PURB) { return Answer::Hold; };
-    EXPECT_EQ(STATUS_IO_TIMEOUT, ClassIn(8, nullptr, nullptr));
-    EXPECT_FALSE(Traced("TIMEOUT after"));
-    EXPECT_FALSE(Traced("IRP completed after cancel"));
-    EXPECT_TRUE(Traced("SubmitUrbAndWait failed"));
-}
-
-TEST_F(LowerDeviceTest, TimeoutZeroWaitsWithoutLimit) {
-    // Held and completed by a timer 2 s later: a wait without limit sees it.
-    mPdo.rule = [](PURB) { return Answer::Hold; };
-    struct Completer {
-        FakeUsbPdo* pdo;
-        KTIMER timer;
-        KDPC dpc;
-    } c{&mPdo, {}, {}};
-    KeInitializeTimer(&c.timer);
-    KeInitializeDpc(&c.dpc, [](PKDPC, PVOID ctx, PVOID, PVOID) { ((Completer*)ctx)->pdo->CompleteHeld(0); }, &c);
-    LARGE_INTEGER due;
-    due.QuadPart = -2000LL * 10000;
-    KeSetTimer(&c.timer, due, &c.dpc);
-
-    URB urb;
-    RtlZeroMemory(&urb, sizeof(urb));
-    urb.UrbHeader.Length = sizeof(struct _URB_PIPE_REQUEST);
-    urb.UrbHeader.Function = URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL;
-    const uint64_t start = kplat::NowMs();
-    EXPECT_EQ(STATUS_SUCCESS, mDevice.SubmitUrbAndWait(&urb, 0));
-    EXPECT_EQ(2000u, kplat::NowMs() - start);
-    EXPECT_EQ(USBD_STATUS_SUCCESS, urb.UrbHeader.Status);
-}
-
 TEST_F(LowerDeviceTest, ShortClassInAnswerReportsTheBytesMoved) {
     mPdo.classInData = {1, 2, 3, 4, 5};
     ULONG transferred = 0;
@@ -85,24 +52,9 @@ TEST_F(LowerDeviceTest, ShortClassInAnswerReportsTheBytesMoved) {
 
     Bytes raw = mPdo.LastUrb(URB_FUNCTION_CLASS_INTERFACE);
     auto* req = &((PURB)raw.data())->UrbControlVendorClassRequest;
-    EXPECT_EQ(136, req->Hdr.Length);
     EXPECT_EQ((USBD_STATUS)0xFFFFFFFF, req->Hdr.Status) << "preset before submission";
-    EXPECT_EQ(0x80, req->Request);
-    EXPECT_EQ(0x0102, req->Value);
-    EXPECT_EQ(0x0003, req->Index);
     EXPECT_EQ(3u, req->TransferFlags);
-    EXPECT_EQ(sizeof(mData), req->TransferBufferLength);
-    EXPECT_EQ((PVOID)mData, req->TransferBuffer);
-    EXPECT_EQ(nullptr, req->TransferBufferMDL);
     EXPECT_EQ("", mCapture.Text());
-}
-
-TEST_F(LowerDeviceTest, TimeoutZeroIsRefusedForClassRequests) {
-    ULONG transferred = 7;
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, ClassIn(8, &transferred, nullptr, 0));
-    EXPECT_EQ(0u, transferred);
-    EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::ControlVendorOrClassRequest: timeout=0 not allowed\n"));
-    EXPECT_TRUE(mPdo.Functions().empty());
 }
 
 TEST_F(LowerDeviceTest, FailedUrbIsTracedAndReturned) {
@@ -125,43 +77,6 @@ TEST_F(LowerDeviceTest, UrbStatusNeverWrittenIsNoRequestFailure) {
     EXPECT_EQ((USBD_STATUS)0xFFFFFFFF, urbStatus);
     EXPECT_TRUE(Traced("ControlVendorOrClassRequest: SubmitUrbAndWait failed"));
     EXPECT_FALSE(Traced("Request failed"));
-}
-
-TEST_F(LowerDeviceTest, NoIrpNoRequest) {
-    kplat::FailTag(kplat::MakeTag("Irp "), 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, ClassIn(8, nullptr, nullptr));
-    EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::SubmitUrbAndWait: IoAllocateIrp failed.\n"));
-    EXPECT_TRUE(mPdo.Functions().empty());
-}
-
-TEST_F(LowerDeviceTest, NoDeviceObjectFailsTheRequest) {
-    mDevice.SetDeviceObject(nullptr);
-    EXPECT_EQ(STATUS_NO_SUCH_DEVICE, ClassIn(8, nullptr, nullptr));
-    EXPECT_TRUE(Traced("ASSERTION FAILED: (mDeviceObject!=NULL)"));
-    EXPECT_TRUE(mPdo.Functions().empty());
-}
-
-TEST_F(LowerDeviceTest, DescriptorReadBuildsItsUrb) {
-    mPdo.strings[4] = StringDesc(3);
-    UCHAR buffer[32] = {};
-    ULONG got = 0;
-    EXPECT_EQ(STATUS_SUCCESS, mDevice.GetStringDescriptor(4, 0x0409, buffer, sizeof(buffer), &got, 500));
-    EXPECT_EQ(8u, got);
-    Bytes raw = mPdo.LastUrb(URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE);
-    auto* req = &((PURB)raw.data())->UrbControlDescriptorRequest;
-    EXPECT_EQ(136, req->Hdr.Length);
-    EXPECT_EQ(USB_STRING_DESCRIPTOR_TYPE, req->DescriptorType);
-    EXPECT_EQ(4, req->Index);
-    EXPECT_EQ(0x0409, req->LanguageId);
-    EXPECT_EQ(nullptr, req->TransferBufferMDL);
-    EXPECT_EQ(nullptr, req->UrbLink);
-
-    got = 5;
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, mDevice.GetStringDescriptor(9, 0x0409, buffer, sizeof(buffer), &got, 500));
-    EXPECT_EQ(0u, got);
-    EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::GetDescriptor: SubmitUrbAndWait failed, st=0xC0000001 "
-                       "(STATUS_UNSUCCESSFUL), UrbStatus=0xC0000004\n"));
-    EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::GetStringDescriptor: GetDescriptor failed, st=0xC0000001"));
 }
 
 TEST_F(LowerDeviceTest, LongStringIsTruncated) {
@@ -231,23 +146,6 @@ TEST_F(LowerDeviceTest, LanguageIdList) {
     EXPECT_EQ(0x0400, ids[0]);
     EXPECT_EQ(0x0409, ids[9]);
     EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::GetLanguageIdList: buffer too small, numIDs=11\n"));
-    Bytes raw = mPdo.LastUrb(URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE);
-    EXPECT_EQ(256u, ((PURB)raw.data())->UrbControlDescriptorRequest.TransferBufferLength);
-    EXPECT_EQ(0, ((PURB)raw.data())->UrbControlDescriptorRequest.LanguageId);
-
-    mPdo.descriptorIrpStatus = STATUS_DEVICE_NOT_CONNECTED;
-    EXPECT_EQ(STATUS_DEVICE_NOT_CONNECTED, mDevice.GetLanguageIdList(ids, 10, &count, 500));
-    EXPECT_EQ(0u, count);
-    EXPECT_TRUE(Traced("ethbrg:KnPnPLowerDeviceUsb::GetLanguageIdList: GetStringDescriptor failed, st=0xC000009D"));
-}
-
-TEST_F(LowerDeviceTest, UnconfigureDeviceSendsAnEmptySelection) {
-    USBD_STATUS urbStatus = -1;
-    EXPECT_EQ(STATUS_SUCCESS, mDevice.UnconfigureDevice(500, &urbStatus));
-    EXPECT_EQ(USBD_STATUS_SUCCESS, urbStatus);
-    Bytes raw = mPdo.LastUrb(URB_FUNCTION_SELECT_CONFIGURATION);
-    EXPECT_EQ(88, ((PURB)raw.data())->UrbHeader.Length);
-    EXPECT_EQ(nullptr, ((PURB)raw.data())->UrbSelectConfiguration.ConfigurationDescriptor);
 }
 
 // The asynchronous submission calls the completion routine for every

@@ -166,56 +166,33 @@ TEST_F(UsbBusTest, DescriptorAndSelectionsGoThroughTheBus) {
     EXPECT_NE(nullptr, mConfig.LookupPipeInfoByTypeAndDirection(UsbdPipeTypeInterrupt, true, -1, -1)->PipeHandle);
 }
 
-TEST_F(UsbBusTest, UnansweredClassRequestIsCancelledAfter500Ms) {
-    KnSetTraceMask(0x3);
-    UCHAR data[8];
-    const uint64_t start = kplat::NowMs();
-    EXPECT_EQ(STATUS_IO_TIMEOUT, mDevice.ControlVendorOrClassRequest(URB_FUNCTION_CLASS_INTERFACE, 0x80, 0, 0,
-                                                                     USBD_TRANSFER_DIRECTION_IN, data, nullptr,
-                                                                     sizeof(data), nullptr, 500, nullptr));
-    EXPECT_EQ(500u, kplat::NowMs() - start);
-    EXPECT_EQ(1, mUsbDevice.Unanswered());
-    EXPECT_EQ(0u, mBus.PendingRequests());
-    EXPECT_TRUE(mCapture.Contains("ethbrg:KnTargetDevice::CallDriverAndWait: TIMEOUT after 500 ms, canceling IRP\n"));
-    EXPECT_TRUE(mCapture.Contains("ethbrg:KnTargetDevice::CallDriverAndWait: IRP completed after cancel\n"));
-}
+// 0: dispatch-level delivery, 1: the bus completes inline, 2: passive level.
+class UsbBusStreamTest : public UsbBusTest, public ::testing::WithParamInterface<int> {};
 
-TEST_F(UsbBusTest, ReadStreamIsDeliveredInOrder) {
+TEST_P(UsbBusStreamTest, ReadStreamIsDeliveredInOrder) {
+    const int mode = GetParam();
     SelectDataInterface();
     AddBuffers(4);
+    mBus.SetInlineCompletion(mode == 1);
+    if (mode == 2) {
+        ASSERT_EQ(STATUS_SUCCESS, mPipe.SetBufferCompletionMode(true, mBus.Pdo()));
+    }
     ASSERT_EQ(STATUS_SUCCESS, mPipe.Connect(&mDevice, &mConfig, 0x82));
     ASSERT_EQ(STATUS_SUCCESS, mPipe.EnablePipe());
     std::vector<uint32_t> numbers = Stream(4, 200);
     ASSERT_EQ(200u, numbers.size());
     for (uint32_t i = 0; i < numbers.size(); i++) ASSERT_EQ(i, numbers[i]);
-    EXPECT_EQ(1, mPipe.MaxDepth());
+    if (mode != 2) {
+        EXPECT_EQ(1, mPipe.MaxDepth());
+    }
     EXPECT_EQ(4u, mPool.GetCurrentCount());
+    for (const Delivery& d : mPipe.Deliveries()) {
+        ASSERT_FALSE(d.insideSubmit);
+        ASSERT_EQ(mode == 2 ? PASSIVE_LEVEL : DISPATCH_LEVEL, d.irql);
+    }
 }
 
-TEST_F(UsbBusTest, ReadStreamWithInlineCompletion) {
-    SelectDataInterface();
-    AddBuffers(3);
-    mBus.SetInlineCompletion(true);
-    ASSERT_EQ(STATUS_SUCCESS, mPipe.Connect(&mDevice, &mConfig, 0x82));
-    ASSERT_EQ(STATUS_SUCCESS, mPipe.EnablePipe());
-    std::vector<uint32_t> numbers = Stream(3, 100);
-    ASSERT_EQ(100u, numbers.size());
-    for (uint32_t i = 0; i < numbers.size(); i++) ASSERT_EQ(i, numbers[i]);
-    EXPECT_EQ(1, mPipe.MaxDepth());
-    for (const Delivery& d : mPipe.Deliveries()) ASSERT_FALSE(d.insideSubmit);
-}
-
-TEST_F(UsbBusTest, ReadStreamInPassiveMode) {
-    SelectDataInterface();
-    AddBuffers(4);
-    ASSERT_EQ(STATUS_SUCCESS, mPipe.SetBufferCompletionMode(true, mBus.Pdo()));
-    ASSERT_EQ(STATUS_SUCCESS, mPipe.Connect(&mDevice, &mConfig, 0x82));
-    ASSERT_EQ(STATUS_SUCCESS, mPipe.EnablePipe());
-    std::vector<uint32_t> numbers = Stream(4, 100);
-    ASSERT_EQ(100u, numbers.size());
-    for (uint32_t i = 0; i < numbers.size(); i++) ASSERT_EQ(i, numbers[i]);
-    for (const Delivery& d : mPipe.Deliveries()) ASSERT_EQ(PASSIVE_LEVEL, d.irql);
-}
+INSTANTIATE_TEST_SUITE_P(Modes, UsbBusStreamTest, ::testing::Values(0, 1, 2));
 
 TEST_F(UsbBusTest, AbortDrainsReadsTheDeviceHasNoDataFor) {
     SelectDataInterface();
