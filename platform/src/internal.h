@@ -20,4 +20,20 @@ void CheckFailed(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR
 // The calling thread's IRQL, without the checks of the public operations.
 KIRQL CurrentIrql();
 
+// Spin locks the calling thread holds now (acquired through the Ke* spin
+// lock operations and not yet released).
+int SpinLocksHeld();
+
+// While one exists on a thread, that thread's pool allocations are the
+// stand-in's own (device objects and IRPs that NDIS makes): they are
+// accounted as usual but fault injection passes them by, so that injected
+// faults hit the driver's allocations only.
+class StandInAllocationScope {
+public:
+    StandInAllocationScope();
+    ~StandInAllocationScope();
+    StandInAllocationScope(const StandInAllocationScope&) = delete;
+    StandInAllocationScope& operator=(const StandInAllocationScope&) = delete;
+};
+
 }  // namespace kplat_internal

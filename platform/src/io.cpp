@@ -4,8 +4,10 @@
 // IRPs, device objects and their extensions are pool blocks with the
 // stand-in's own tags, so that they count in the pool accounting and fault
 // injection applies to them.
+#include <kplat/ndis.h>
 #include <kplat/platform.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -300,8 +302,16 @@ void IoAcquireCancelSpinLock(PKIRQL Irql) { *Irql = KeAcquireSpinLockRaiseToDpc(
 
 void IoReleaseCancelSpinLock(KIRQL Irql) { KeReleaseSpinLock(&gCancelSpinLock, Irql); }
 
-// The stand-in is Windows 7: WDM 6.1 (Vista was 6.0; earlier systems had
-// major version 1).
-BOOLEAN IoIsWdmVersionAvailable(UCHAR MajorVersion, UCHAR MinorVersion) {
-    return MajorVersion < 6 || (MajorVersion == 6 && MinorVersion <= 1);
+// The stand-in is Windows 7 by default: WDM 6.1 (Vista was 6.0; earlier
+// systems had major version 1). kplat::SetWdmVersion plays another system.
+namespace {
+std::atomic<unsigned> gWdmVersion{0x0601};  // major << 8 | minor
 }
+
+BOOLEAN IoIsWdmVersionAvailable(UCHAR MajorVersion, UCHAR MinorVersion) {
+    return ((unsigned)MajorVersion << 8 | MinorVersion) <= gWdmVersion.load(std::memory_order_relaxed);
+}
+
+namespace kplat {
+void SetWdmVersion(UCHAR major, UCHAR minor) { gWdmVersion.store((unsigned)major << 8 | minor); }
+}  // namespace kplat

@@ -52,6 +52,8 @@ void CheckFailed(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR
 
 KIRQL CurrentIrql() { return Self().irql; }
 
+int SpinLocksHeld() { return Self().spinLocksHeld; }
+
 }  // namespace kplat_internal
 
 using namespace kplat_internal;
@@ -99,14 +101,19 @@ void KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, 
 // The lock word holds the owner's thread id while held, 0 when free. The
 // owner id lets a recursive acquire (a certain deadlock) be reported instead
 // of spinning forever. Releasing follows the free build: the word is cleared
-// without checking who held it.
+// without checking who held it. Each thread counts the locks it holds (for
+// the NDIS verifier's check that no lock is held across an indication).
 namespace {
 
 void AcquireWord(PKSPIN_LOCK lock) {
-    const ULONG_PTR me = Self().id;
+    ThreadState& self = Self();
+    const ULONG_PTR me = self.id;
     ULONG_PTR expected = 0;
     // acquire: pairs with the release store in ReleaseWord.
-    if (__atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return;
+    if (__atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+        self.spinLocksHeld++;
+        return;
+    }
     if (expected == me) {
         CheckFailed(SPIN_LOCK_ALREADY_OWNED_CODE, (ULONG_PTR)lock, me, 0, 0,
                     "spin lock acquired again by the thread that holds it");
@@ -115,8 +122,10 @@ void AcquireWord(PKSPIN_LOCK lock) {
     for (unsigned spins = 0;; ++spins) {
         expected = 0;
         if (__atomic_load_n(lock, __ATOMIC_RELAXED) == 0 &&
-            __atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            __atomic_compare_exchange_n(lock, &expected, me, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            self.spinLocksHeld++;
             return;
+        }
         // The holder may be a preempted thread on this small machine: give
         // the processor away now and then instead of burning it.
         if ((spins & 63) == 63)
@@ -127,6 +136,8 @@ void AcquireWord(PKSPIN_LOCK lock) {
 }
 
 void ReleaseWord(PKSPIN_LOCK lock) {
+    ThreadState& self = Self();
+    if (self.spinLocksHeld > 0) self.spinLocksHeld--;
     // release: pairs with the acquire exchange in AcquireWord.
     __atomic_store_n(lock, (ULONG_PTR)0, __ATOMIC_RELEASE);
 }

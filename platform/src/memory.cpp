@@ -77,9 +77,14 @@ PoolState& State() {
 
 std::atomic<uint64_t> gAllocationCount{0};
 
+// Depth of StandInAllocationScope on this thread.
+thread_local int tStandInAllocations = 0;
+
 // Decides whether this allocation is one that fault injection fails. Every
-// allocation moves the nth-allocation countdown, whatever its tag.
+// allocation of the driver moves the nth-allocation countdown, whatever its
+// tag; the stand-in's own allocations are left out.
 bool InjectFault(PoolState& s, ULONG tag) {
+    if (tStandInAllocations > 0) return false;
     bool fail = false;
     if (s.failCountdown != 0 && --s.failCountdown == 0) fail = true;
     auto it = s.failTags.find(tag);
@@ -164,6 +169,9 @@ bool FreePageBlock(void* p, ULONG tag) {
 }
 
 }  // namespace
+
+kplat_internal::StandInAllocationScope::StandInAllocationScope() { tStandInAllocations++; }
+kplat_internal::StandInAllocationScope::~StandInAllocationScope() { tStandInAllocations--; }
 
 // ---------------------------------------------------------------------------
 // Pool

@@ -38,6 +38,7 @@ struct ThreadState {
     KIRQL irql = PASSIVE_LEVEL;
     ULONG_PTR id = 0;
     ThreadKind kind = ThreadKind::External;
+    int spinLocksHeld = 0;  // spin locks this thread acquired and has not released
     WaitBlock wait;
 };
 

@@ -109,6 +109,8 @@ struct AdapterOptions {
     std::vector<NDIS_MEDIUM> media = {NdisMedium802_3};
     // Call MPCheckForHang (and MPReset after TRUE) while initialized.
     bool hangCheck = true;
+    // NdisOpenConfiguration fails (NDIS_STATUS_RESOURCES) for this adapter.
+    bool failOpenConfiguration = false;
 };
 
 // A receive indication as the stack saw it.

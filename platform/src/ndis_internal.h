@@ -1,0 +1,204 @@
+// The stand-in's NDIS: state shared by the miniport-facing operations
+// (ndis.cpp) and the stack side (ndisstack.cpp). Not for the driver or tests.
+//
+// Locking: Globals().mutex guards the sets of drivers and adapters and the
+// error log; each adapter's mutex guards that adapter's fields below it.
+// Neither is held while the miniport or a test callback runs, nor while a
+// check failure is reported. An adapter mutex may be taken with the global
+// one held, never the other way round.
+#pragma once
+
+#include <kplat/ndis.h>
+#include <kplat/platform.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "internal.h"
+
+namespace kplat {
+
+struct NdisDriver::Impl {
+    PDRIVER_OBJECT driverObject = nullptr;
+    std::u16string registryPath;
+    UNICODE_STRING registryPathString = {};
+    NTSTATUS entryStatus = STATUS_UNSUCCESSFUL;
+    bool loaded = false;
+    // Written during DriverEntry (on the controller thread), read after.
+    bool wrapperOpen = false;  // NdisInitializeWrapper and no NdisTerminateWrapper
+    bool registered = false;
+    NDIS51_MINIPORT_CHARACTERISTICS chars = {};
+    UINT charsLength = 0;
+    PDRIVER_UNLOAD unloadHandler = nullptr;
+};
+
+// A packet of the stack: the NDIS packet with room for protocol-reserved
+// bytes, and the host memory of its buffers (one block per buffer, so that a
+// read past a buffer's end is caught by the address sanitizer).
+struct HostPacket {
+    NDIS_PACKET packet;
+    UCHAR protocolReservedRoom[3 * sizeof(PVOID)];
+    std::vector<PMDL> mdls;
+    std::vector<uint8_t*> data;
+    bool freeOnCompletion = false;
+    bool completed = false;  // given to the miniport and completed by it since
+};
+
+// The configuration handle of NdisOpenConfiguration: the key it reads and
+// every parameter handed out, kept until NdisCloseConfiguration (host
+// memory, so the driver's pool ledger never sees it).
+struct NdisConfiguration {
+    struct Parameter {
+        NDIS_CONFIGURATION_PARAMETER value = {};
+        std::u16string text;
+    };
+    NdisAdapter::Impl* adapter = nullptr;
+    std::string keyPath;
+    std::vector<std::unique_ptr<Parameter>> parameters;
+    UCHAR networkAddress[6] = {};
+};
+
+using SendCallback = std::function<void(PNDIS_PACKET, NDIS_STATUS)>;
+using ReceiveCallback =
+    std::function<void(NDIS_HANDLE, const uint8_t*, UINT, const uint8_t*, UINT, UINT)>;
+using StatusCallback = std::function<void(NDIS_STATUS)>;
+
+struct NdisAdapter::Impl {
+    explicit Impl(NdisDriver::Impl* d) : driver(d) {}
+
+    NdisDriver::Impl* driver;
+    UsbBus* bus = nullptr;
+    AdapterOptions options;
+    std::string parametersKey;
+    PDEVICE_OBJECT fdo = nullptr, next = nullptr;
+    // The WrapperConfigurationContext: a pointer of its own, so that a
+    // driver mixing it up with the adapter handle is caught.
+    struct ConfigContext {
+        Impl* adapter;
+    } configContext{this};
+    KTIMER hangTimer, verifierTimer;
+    KDPC hangDpc, verifierDpc;
+    KEVENT resetDone;  // signalled while no reset is pending
+
+    mutable std::mutex mutex;  // guards everything below
+    NDIS_STATUS initStatus = NDIS_STATUS_FAILURE;
+    NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
+    UINT selectedMedium = 0;
+    bool initialized = false;
+    NDIS_HANDLE context = nullptr;
+    UINT hangSeconds = 0;
+    ULONG attributeFlags = 0;
+    std::unordered_set<NdisConfiguration*> configurations;  // open ones
+
+    struct Owned {
+        uint64_t deadline;  // clock units
+        bool reported;
+    };
+    std::unordered_set<HostPacket*> packets;  // allocated, not freed
+    std::unordered_map<PNDIS_PACKET, Owned> owned;  // by the miniport now
+    uint64_t sent = 0, completed = 0;
+    std::map<NDIS_STATUS, uint64_t> completedWith;
+    std::shared_ptr<const SendCallback> onSendComplete;
+
+    std::shared_ptr<const ReceiveCallback> onReceive;
+    std::vector<ReceivedFrame> frames;
+    uint64_t receiveIndications = 0, receiveCompletes = 0;
+    std::shared_ptr<const StatusCallback> onStatus;
+    std::vector<NDIS_STATUS> statuses;
+    uint64_t statusCompletes = 0;
+
+    bool setPending = false, setReported = false;
+    bool setInCall = false, setCompletedInCall = false;
+    NDIS_OID setOid = 0;
+    uint64_t setDeadline = 0;
+    uint64_t setCompletions = 0;
+    NDIS_STATUS lastSetStatus = NDIS_STATUS_SUCCESS;
+
+    uint64_t hangChecks = 0, resets = 0;
+    bool resetPending = false;
+    NDIS_STATUS lastResetStatus = NDIS_STATUS_SUCCESS;
+
+    bool verifierArmed = false;
+    uint64_t verifierAt = 0;
+
+    NDIS_HANDLE Handle() { return (NDIS_HANDLE)this; }
+    const NDIS51_MINIPORT_CHARACTERISTICS& Chars() const { return driver->chars; }
+
+    // Called by the miniport-facing operations (any thread, no lock held).
+    void SendComplete(PNDIS_PACKET packet, NDIS_STATUS status);
+    void IndicateReceive(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
+                         const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize);
+    void IndicateStatus(NDIS_STATUS status);
+    void ResetComplete(NDIS_STATUS status);
+    void SetComplete(NDIS_STATUS status);
+    // The stack's side of a completion (or of a send NDIS refused): the
+    // callback, then a SendFrame packet is freed.
+    void Finish(PNDIS_PACKET packet, NDIS_STATUS status);
+
+    // MPReset raised to DISPATCH_LEVEL, unless not initialized or a reset
+    // is pending already.
+    NDIS_STATUS RunReset();
+    // Arms the verifier timer for a deadline (mutex held).
+    void ArmVerifierLocked(uint64_t deadline);
+    // Releases every packet and open configuration (destruction).
+    void ReleaseHostMemory();
+};
+
+namespace ndis {
+
+constexpr uint64_t kUnitsPerMs = 10000;
+constexpr uint64_t kSendDeadline = 30000 * kUnitsPerMs;
+constexpr uint64_t kSetDeadline = 12000 * kUnitsPerMs;
+
+struct Globals {
+    std::mutex mutex;
+    std::unordered_set<NdisDriver::Impl*> drivers;
+    std::unordered_set<NdisAdapter::Impl*> adapters;
+    std::vector<ErrorLogEntry> errorLog;
+    unsigned nextOrdinal = 0;
+};
+Globals& G();
+
+// The adapter of a MiniportAdapterHandle; a check failure naming `what` and
+// NULL when the handle is no live adapter's.
+NdisAdapter::Impl* AdapterOf(NDIS_HANDLE handle, const char* what);
+// The adapter whose FDO is `fdo`, or NULL.
+NdisAdapter::Impl* AdapterOfFdo(PDEVICE_OBJECT fdo);
+
+inline LARGE_INTEGER RelativeDue(uint64_t units) {
+    LARGE_INTEGER due;
+    due.QuadPart = -(LONGLONG)units;
+    return due;
+}
+
+// Handlers that NDIS calls raised to DISPATCH_LEVEL run inside one.
+class AtDispatch {
+public:
+    AtDispatch() { KeRaiseIrql(DISPATCH_LEVEL, &mOld); }
+    ~AtDispatch() { KeLowerIrql(mOld); }
+
+private:
+    KIRQL mOld;
+};
+
+static_assert(offsetof(HostPacket, packet) == 0, "a packet pointer is its host packet's");
+inline HostPacket* HostOf(PNDIS_PACKET packet) { return reinterpret_cast<HostPacket*>(packet); }
+void FreeHostPacket(HostPacket* host);
+
+// Reports a verifier check failure (kNdisVerifier, p1 = the adapter handle).
+void VerifierFailed(NDIS_HANDLE adapter, ULONG_PTR p2, ULONG_PTR p3, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// The IRP_MJ_PNP dispatch routine NDIS installs in the driver object.
+NTSTATUS PnPDispatch(PDEVICE_OBJECT device, PIRP irp);
+
+// Frees a configuration handle (NdisCloseConfiguration, adapter destruction).
+void FreeConfiguration(NdisConfiguration* configuration);
+
+}  // namespace ndis
+}  // namespace kplat

@@ -1,0 +1,294 @@
+// The network stack's data path over an adapter: packets with their buffer
+// chains, sends and their completions, receive and status indications.
+//
+// Packets, their buffers and MDLs are host memory, so the driver's pool
+// ledger and fault injection see none of them.
+#include "ndis_internal.h"
+
+using namespace kplat_internal;
+
+namespace kplat {
+
+using namespace ndis;
+
+namespace {
+
+using Lock = std::lock_guard<std::mutex>;
+
+// The receive indication the calling thread is inside, for TransferData.
+struct Indication {
+    NdisAdapter::Impl* adapter;
+    NDIS_HANDLE receiveContext;
+};
+thread_local Indication tIndication = {nullptr, nullptr};
+
+// A buffer of host memory described by an MDL built as for non-paged pool,
+// or (unmapped) locked but with no system address yet, so that
+// MmGetSystemAddressForMdlSafe maps it.
+PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
+    ULONG pages = ADDRESS_AND_SIZE_TO_SPAN_PAGES(va, length);
+    if (pages == 0) pages = 1;  // an empty buffer still names its page
+    size_t size = sizeof(MDL) + pages * sizeof(PFN_NUMBER);
+    auto mdl = (PMDL)::operator new(size);
+    memset(mdl, 0, size);
+    mdl->Size = (CSHORT)size;
+    mdl->StartVa = PAGE_ALIGN(va);
+    mdl->ByteCount = length;
+    mdl->ByteOffset = BYTE_OFFSET(va);
+    for (ULONG i = 0; i < pages; i++) MmGetMdlPfnArray(mdl)[i] = ((ULONG_PTR)mdl->StartVa >> PAGE_SHIFT) + i;
+    if (unmapped)
+        mdl->MdlFlags = MDL_PAGES_LOCKED;
+    else
+        MmBuildMdlForNonPagedPool(mdl);
+    return mdl;
+}
+
+}  // namespace
+
+void ndis::FreeHostPacket(HostPacket* host) {
+    for (PMDL mdl : host->mdls) ::operator delete(mdl);
+    for (uint8_t* data : host->data) delete[] data;
+    delete host;
+}
+
+// ---------------------------------------------------------------------------
+// Packets and sends
+// ---------------------------------------------------------------------------
+PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, const PacketLayout& layout) {
+    auto* host = new HostPacket();
+    std::vector<size_t> lengths;
+    size_t left = length;
+    for (UINT split : layout.splits) {
+        lengths.push_back(std::min<size_t>(split, left));
+        left -= lengths.back();
+    }
+    lengths.push_back(left);
+    size_t offset = 0;
+    for (size_t n : lengths) {
+        auto* bytes = new uint8_t[n != 0 ? n : 1];
+        if (n != 0) memcpy(bytes, data + offset, n);
+        offset += n;
+        PMDL mdl = BuildMdl(bytes, (ULONG)n, layout.unmapped);
+        if (!host->mdls.empty()) host->mdls.back()->Next = mdl;
+        host->mdls.push_back(mdl);
+        host->data.push_back(bytes);
+    }
+    NDIS_PACKET_PRIVATE& p = host->packet.Private;
+    p.Head = host->mdls.front();
+    p.Tail = host->mdls.back();
+    if (layout.validCounts) {
+        p.TotalLength = (UINT)length;
+        p.Count = p.PhysicalCount = (UINT)host->mdls.size();
+        p.ValidCounts = TRUE;
+    }
+    Lock lock(mImpl->mutex);
+    mImpl->packets.insert(host);
+    return &host->packet;
+}
+
+void NdisAdapter::FreePacket(PNDIS_PACKET packet) {
+    HostPacket* host = HostOf(packet);
+    {
+        Lock lock(mImpl->mutex);
+        if (mImpl->packets.count(host) != 0 && mImpl->owned.count(packet) == 0) {
+            mImpl->packets.erase(host);
+        } else {
+            host = nullptr;
+        }
+    }
+    if (host == nullptr) {
+        VerifierFailed(Handle(), (ULONG_PTR)packet, 0,
+                       "NdisAdapter::FreePacket: %p is no packet of this adapter, or the miniport owns it", packet);
+        return;
+    }
+    FreeHostPacket(host);
+}
+
+std::vector<uint8_t> NdisAdapter::PacketBytes(PNDIS_PACKET packet) {
+    std::vector<uint8_t> bytes;
+    for (PMDL mdl = packet->Private.Head; mdl != nullptr; mdl = mdl->Next) {
+        auto va = (const uint8_t*)((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL))
+                                       ? mdl->MappedSystemVa
+                                       : MmGetMdlVirtualAddress(mdl));
+        bytes.insert(bytes.end(), va, va + mdl->ByteCount);
+    }
+    return bytes;
+}
+
+// A send to an adapter that is not initialized never reaches the miniport:
+// NDIS fails it at once.
+void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
+    Impl& a = *mImpl;
+    NDIS_HANDLE context;
+    PNDIS_PACKET again = nullptr;
+    std::vector<PNDIS_PACKET> refused;
+    bool deliver;
+    {
+        Lock lock(a.mutex);
+        for (UINT i = 0; i < count; i++)
+            if (packets[i] != nullptr && a.owned.count(packets[i]) != 0) again = packets[i];
+        if (again == nullptr && a.initialized) {
+            const uint64_t deadline = Now() + kSendDeadline;
+            for (UINT i = 0; i < count; i++) {
+                if (packets[i] == nullptr) continue;
+                a.owned[packets[i]] = Impl::Owned{deadline, false};
+                if (a.packets.count(HostOf(packets[i])) != 0) HostOf(packets[i])->completed = false;
+                a.sent++;
+                a.ArmVerifierLocked(deadline);
+            }
+        } else if (again == nullptr) {
+            for (UINT i = 0; i < count; i++)
+                if (packets[i] != nullptr) refused.push_back(packets[i]);
+        }
+        context = a.context;
+        deliver = again == nullptr && a.initialized && count != 0;
+    }
+    if (again != nullptr) {
+        VerifierFailed(Handle(), (ULONG_PTR)again, 0, "NdisAdapter::Send: the miniport owns packet %p already", again);
+        return;
+    }
+    if (!deliver) {
+        for (PNDIS_PACKET packet : refused) a.Finish(packet, NDIS_STATUS_FAILURE);
+        return;
+    }
+    AtDispatch raised;
+    a.Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(context, packets, count);
+}
+
+void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {
+    PNDIS_PACKET packet = AllocatePacket(frame, length, layout);
+    HostOf(packet)->freeOnCompletion = true;
+    Send(&packet, 1);
+}
+
+// The stack's side of a completion: the callback, then the packet of a
+// SendFrame is freed.
+void NdisAdapter::Impl::Finish(PNDIS_PACKET packet, NDIS_STATUS status) {
+    std::shared_ptr<const SendCallback> callback;
+    bool free;
+    {
+        Lock lock(mutex);
+        callback = onSendComplete;
+        free = packets.count(HostOf(packet)) != 0 && HostOf(packet)->freeOnCompletion;
+        if (free) packets.erase(HostOf(packet));
+    }
+    if (callback) (*callback)(packet, status);
+    if (free) FreeHostPacket(HostOf(packet));
+}
+
+void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
+    bool owner, twice = false;
+    {
+        Lock lock(mutex);
+        auto it = owned.find(packet);
+        owner = it != owned.end();
+        HostPacket* host = packets.count(HostOf(packet)) != 0 ? HostOf(packet) : nullptr;
+        if (owner) {
+            owned.erase(it);
+            completed++;
+            completedWith[status]++;
+            if (host != nullptr) host->completed = true;
+            if (owned.empty() && !setPending && verifierArmed) {
+                KeCancelTimer(&verifierTimer);
+                verifierArmed = false;
+            }
+        } else {
+            twice = host != nullptr && host->completed;
+        }
+    }
+    if (owner) {
+        Finish(packet, status);
+    } else if (twice) {
+        VerifierFailed(Handle(), (ULONG_PTR)packet, (ULONG_PTR)status, "NdisMSendComplete: packet %p completed twice",
+                       packet);
+    } else {
+        VerifierFailed(Handle(), (ULONG_PTR)packet, (ULONG_PTR)status,
+                       "NdisMSendComplete: packet %p is not owned by the miniport (never sent to it)", packet);
+    }
+}
+
+void NdisAdapter::OnSendComplete(std::function<void(PNDIS_PACKET packet, NDIS_STATUS status)> callback) {
+    Lock lock(mImpl->mutex);
+    mImpl->onSendComplete = callback ? std::make_shared<const SendCallback>(std::move(callback)) : nullptr;
+}
+
+uint64_t NdisAdapter::PacketsSent() const { Lock l(mImpl->mutex); return mImpl->sent; }
+uint64_t NdisAdapter::PacketsCompleted() const { Lock l(mImpl->mutex); return mImpl->completed; }
+uint64_t NdisAdapter::PacketsOutstanding() const { Lock l(mImpl->mutex); return mImpl->owned.size(); }
+uint64_t NdisAdapter::PacketsCompletedWith(NDIS_STATUS status) const {
+    Lock lock(mImpl->mutex);
+    auto it = mImpl->completedWith.find(status);
+    return it == mImpl->completedWith.end() ? 0 : it->second;
+}
+
+// ---------------------------------------------------------------------------
+// Receive and status indications
+// ---------------------------------------------------------------------------
+void NdisAdapter::Impl::IndicateReceive(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
+                                        const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize) {
+    std::shared_ptr<const ReceiveCallback> callback;
+    {
+        Lock lock(mutex);
+        receiveIndications++;
+        callback = onReceive;
+        if (!callback) {
+            ReceivedFrame frame;
+            frame.header.assign(header, header + headerSize);
+            frame.lookahead.assign(lookahead, lookahead + lookaheadSize);
+            frame.packetSize = packetSize;
+            frames.push_back(std::move(frame));
+            return;
+        }
+    }
+    Indication outer = tIndication;
+    tIndication = Indication{this, receiveContext};
+    (*callback)(receiveContext, header, headerSize, lookahead, lookaheadSize, packetSize);
+    tIndication = outer;
+}
+
+void NdisAdapter::OnReceive(std::function<void(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
+                                               const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize)>
+                                callback) {
+    Lock lock(mImpl->mutex);
+    mImpl->onReceive = callback ? std::make_shared<const ReceiveCallback>(std::move(callback)) : nullptr;
+}
+
+// Only inside the indication of that receive context, on its thread.
+NDIS_STATUS NdisAdapter::TransferData(NDIS_HANDLE receiveContext, UINT byteOffset, UINT bytesToTransfer,
+                                      PNDIS_PACKET packet, UINT* bytesTransferred) {
+    *bytesTransferred = 0;
+    W_TRANSFER_DATA_HANDLER transfer = mImpl->Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.TransferDataHandler;
+    if (tIndication.adapter != mImpl || tIndication.receiveContext != receiveContext || transfer == nullptr)
+        return NDIS_STATUS_FAILURE;
+    return transfer(packet, bytesTransferred, Context(), receiveContext, byteOffset, bytesToTransfer);
+}
+
+std::vector<ReceivedFrame> NdisAdapter::TakeReceivedFrames() {
+    Lock lock(mImpl->mutex);
+    std::vector<ReceivedFrame> out;
+    out.swap(mImpl->frames);
+    return out;
+}
+
+uint64_t NdisAdapter::ReceiveIndications() const { Lock l(mImpl->mutex); return mImpl->receiveIndications; }
+uint64_t NdisAdapter::ReceiveCompletes() const { Lock l(mImpl->mutex); return mImpl->receiveCompletes; }
+
+void NdisAdapter::Impl::IndicateStatus(NDIS_STATUS status) {
+    std::shared_ptr<const StatusCallback> callback;
+    {
+        Lock lock(mutex);
+        statuses.push_back(status);
+        callback = onStatus;
+    }
+    if (callback) (*callback)(status);
+}
+
+void NdisAdapter::OnStatus(std::function<void(NDIS_STATUS status)> callback) {
+    Lock lock(mImpl->mutex);
+    mImpl->onStatus = callback ? std::make_shared<const StatusCallback>(std::move(callback)) : nullptr;
+}
+
+std::vector<NDIS_STATUS> NdisAdapter::StatusIndications() const { Lock l(mImpl->mutex); return mImpl->statuses; }
+uint64_t NdisAdapter::StatusCompletes() const { Lock l(mImpl->mutex); return mImpl->statusCompletes; }
+
+}  // namespace kplat

@@ -1,0 +1,377 @@
+// The stand-in's NDIS under a small fake miniport: registration, timers on
+// the virtual clock, configuration, packets, the adapter's life, and the
+// verifier's checks.
+#include <gtest/gtest.h>
+#include <kplat/ndis.h>
+#include <kplat/platform.h>
+
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+// ---- a fake miniport: records its calls, keeps every packet sent to it ----
+std::mutex gCallsMutex;  // guards Fake::calls (handlers run on the DPC thread too)
+struct Fake {
+    std::vector<std::string> calls;
+    NDIS_HANDLE handle = nullptr, config = nullptr;
+    std::vector<NDIS_MEDIUM> media;
+    bool hang = false, noInitialize = false;
+    NDIS_STATUS setResult = NDIS_STATUS_SUCCESS, registerStatus = NDIS_STATUS_FAILURE;
+    UINT length = sizeof(NDIS51_MINIPORT_CHARACTERISTICS);
+    UCHAR minor = 1;
+    void Call(const std::string& what) { std::lock_guard<std::mutex> l(gCallsMutex); calls.push_back(what); }
+    std::vector<std::string> Calls() { std::lock_guard<std::mutex> l(gCallsMutex); return calls; }
+} gFake;
+int gContext = 0;
+
+NDIS_STATUS Initialize(PNDIS_STATUS, PUINT selected, PNDIS_MEDIUM media, UINT count, NDIS_HANDLE handle,
+                       NDIS_HANDLE config) {
+    gFake.media.assign(media, media + count);
+    for (*selected = 0; *selected < count && media[*selected] != NdisMedium802_3;) ++*selected;
+    gFake.handle = handle, gFake.config = config;
+    NdisMSetAttributesEx(handle, &gContext, 0, 0xA0, NdisInterfaceInternal);
+    NdisWriteErrorLogEntry(handle, 0x60070100, 2, 7, 9);
+    gFake.Call("init");
+    return NDIS_STATUS_SUCCESS;
+}
+void Halt(NDIS_HANDLE) { gFake.Call("halt"); }
+BOOLEAN CheckForHang(NDIS_HANDLE) { return gFake.hang; }
+NDIS_STATUS Reset(PBOOLEAN, NDIS_HANDLE) { gFake.Call("reset"); return NDIS_STATUS_PENDING; }
+NDIS_STATUS Query(NDIS_HANDLE, NDIS_OID, PVOID, ULONG, PULONG, PULONG) { return NDIS_STATUS_SUCCESS; }
+NDIS_STATUS Set(NDIS_HANDLE, NDIS_OID, PVOID, ULONG, PULONG, PULONG) { return gFake.setResult; }
+void SendPackets(NDIS_HANDLE, PPNDIS_PACKET packets, UINT count) {
+    for (UINT i = 0; i < count; i++) memset(packets[i]->MiniportReserved, 0xA5, 16);
+}
+NDIS_STATUS TransferData(PNDIS_PACKET, PUINT done, NDIS_HANDLE, NDIS_HANDLE receiveContext, UINT, UINT n) {
+    *done = receiveContext == &gFake ? n : 0;
+    return NDIS_STATUS_SUCCESS;
+}
+void PnPEvent(NDIS_HANDLE, NDIS_DEVICE_PNP_EVENT event, PVOID, ULONG) { gFake.Call("pnp" + std::to_string(event)); }
+void Unload(PDRIVER_OBJECT) { gFake.Call("unload"); }
+
+NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING path) {
+    NDIS_HANDLE wrapper;
+    NdisInitializeWrapper(&wrapper, driver, path, nullptr);
+    NDIS_MINIPORT_CHARACTERISTICS c = {};
+    NDIS30_MINIPORT_CHARACTERISTICS& c30 = c.Ndis50Chars.Ndis40Chars.Ndis30Chars;
+    c30.MajorNdisVersion = 5, c30.MinorNdisVersion = gFake.minor;
+    c30.InitializeHandler = gFake.noInitialize ? nullptr : Initialize;
+    c30.HaltHandler = Halt, c30.CheckForHangHandler = CheckForHang, c30.ResetHandler = Reset;
+    c30.QueryInformationHandler = Query, c30.SetInformationHandler = Set, c30.TransferDataHandler = TransferData;
+    c.Ndis50Chars.Ndis40Chars.SendPacketsHandler = SendPackets;
+    c.PnPEventNotifyHandler = PnPEvent;
+    gFake.registerStatus = NdisMRegisterMiniport(wrapper, &c, gFake.length);
+    if (gFake.registerStatus != NDIS_STATUS_SUCCESS) {
+        NdisTerminateWrapper(wrapper, nullptr);
+        return STATUS_UNSUCCESSFUL;
+    }
+    NdisMRegisterUnloadHandler(wrapper, Unload);
+    return STATUS_SUCCESS;
+}
+
+const std::string kKey = kplat::AdapterKeyPath(99);
+
+class Ndis : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gFake = Fake();
+        kplat::RegistryClear();
+        kplat::ClearErrorLog();
+    }
+    void Up(kplat::AdapterOptions options = kplat::AdapterOptions()) {
+        options.parametersKey = kKey;
+        adapter.reset();
+        driver.reset();
+        driver = std::make_unique<kplat::NdisDriver>(Entry, "ethbrg");
+        adapter = std::make_unique<kplat::NdisAdapter>(*driver, bus, options);
+    }
+    kplat::Scope scope;  // virtual clock
+    kplat::UsbBus bus;
+    std::unique_ptr<kplat::NdisDriver> driver;
+    std::unique_ptr<kplat::NdisAdapter> adapter;
+};
+
+TEST_F(Ndis, RegistrationChecksTheRecord) {
+    struct Case {
+        const char* name;
+        UINT length;
+        UCHAR minor;
+        bool noInitialize;
+        NDIS_STATUS expected;
+    } cases[] = {
+        {"5.1 record", 240, 1, false, NDIS_STATUS_SUCCESS},
+        {"short record", 200, 1, false, NDIS_STATUS_BAD_CHARACTERISTICS},
+        {"version 5.0", 240, 0, false, NDIS_STATUS_BAD_VERSION},
+        {"no MPInitialize", 240, 1, true, NDIS_STATUS_BAD_CHARACTERISTICS},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        gFake.length = c.length, gFake.minor = c.minor, gFake.noInitialize = c.noInitialize;
+        kplat::NdisDriver d(Entry, "ethbrg");
+        EXPECT_EQ(c.expected, gFake.registerStatus);
+        bool ok = c.expected == NDIS_STATUS_SUCCESS;
+        EXPECT_EQ(ok, d.IsRegistered());
+        EXPECT_EQ(ok, d.IsLoaded());
+        if (!ok) continue;
+        EXPECT_EQ(240u, d.CharacteristicsLength());
+        EXPECT_EQ(&Halt, d.Characteristics().Ndis50Chars.Ndis40Chars.Ndis30Chars.HaltHandler);
+        EXPECT_EQ(d.NdisPnPDispatch(), d.DriverObject()->MajorFunction[IRP_MJ_PNP]);
+        d.Unload();
+        EXPECT_EQ(std::vector<std::string>{"unload"}, gFake.Calls());
+    }
+}
+
+void TimerFunction(PVOID, PVOID context, PVOID, PVOID) {
+    *(uint64_t*)context = kplat::NowMs() * 10 + KeGetCurrentIrql();
+}
+
+TEST_F(Ndis, TimersRunOnTheVirtualClock) {
+    struct Case {
+        const char* name;
+        uint64_t againAt, cancelAt;
+        uint64_t firedAt;  // 0: never
+        BOOLEAN cancelled;
+    } cases[] = {
+        {"fires at its deadline", 0, 0, 100, FALSE},
+        {"set again restarts it", 50, 0, 150, FALSE},
+        {"cancelled before", 0, 99, 0, TRUE},
+        {"cancelled after it fired", 0, 100, 100, FALSE},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        NDIS_MINIPORT_TIMER timer;
+        uint64_t fired = 0;  // ms * 10 + IRQL
+        NdisMInitializeTimer(&timer, nullptr, TimerFunction, &fired);
+        const uint64_t start = kplat::NowMs();
+        NdisSetTimer((PNDIS_TIMER)&timer, 100);
+        BOOLEAN cancelled = 2;
+        for (uint64_t t = 1; t <= 200; t++) {
+            kplat::AdvanceTime(1);
+            if (t == c.againAt) NdisSetTimer((PNDIS_TIMER)&timer, 100);
+            if (t == c.cancelAt) NdisMCancelTimer(&timer, &cancelled);
+        }
+        EXPECT_EQ(c.firedAt ? (start + c.firedAt) * 10 + DISPATCH_LEVEL : 0, fired);
+        EXPECT_EQ(c.cancelAt ? c.cancelled : 2, cancelled);
+    }
+}
+
+TEST_F(Ndis, ConfigurationComesFromTheAdapterKey) {
+    ASSERT_EQ(STATUS_SUCCESS, kplat::RegistryLoadText("[" + kKey + "]\n\"Dword\"=dword:00000010\n\"Dec\"=\"1000\"\n"
+                                                      "\"Hex\"=\"ff\"\n\"Bad\"=\"12x\"\n\"Name\"=\"ncm 1\"\n"
+                                                      "\"Blob\"=hex:01\n"));
+    Up();
+    NDIS_STATUS status;
+    NDIS_HANDLE config;
+    NdisOpenConfiguration(&status, &config, gFake.config);
+    ASSERT_EQ(NDIS_STATUS_SUCCESS, status);
+    const NDIS_PARAMETER_TYPE integer = NdisParameterInteger, hex = NdisParameterHexInteger, text = NdisParameterString;
+    struct Case {
+        const char16_t* keyword;
+        NDIS_PARAMETER_TYPE asked, got;
+        NDIS_STATUS status;
+        ULONG value;
+    } cases[] = {
+        {u"DWORD", integer, integer, NDIS_STATUS_SUCCESS, 16}, {u"Dword", text, integer, NDIS_STATUS_SUCCESS, 16},
+        {u"Dec", integer, integer, NDIS_STATUS_SUCCESS, 1000}, {u"Hex", hex, hex, NDIS_STATUS_SUCCESS, 255},
+        {u"Name", text, text, NDIS_STATUS_SUCCESS, 0},         {u"Bad", integer, integer, NDIS_STATUS_FAILURE, 0},
+        {u"Blob", integer, integer, NDIS_STATUS_FAILURE, 0},   {u"Missing", text, text, NDIS_STATUS_FAILURE, 0},
+    };
+    PNDIS_CONFIGURATION_PARAMETER name = nullptr;
+    for (const Case& c : cases) {
+        NDIS_STRING keyword;
+        RtlInitUnicodeString(&keyword, c.keyword);
+        PNDIS_CONFIGURATION_PARAMETER p;
+        NdisReadConfiguration(&status, &p, config, &keyword, c.asked);
+        ASSERT_EQ(c.status, status) << "case " << &c - cases;
+        if (status != NDIS_STATUS_SUCCESS) continue;
+        EXPECT_EQ(c.got, p->ParameterType);
+        EXPECT_EQ(c.value, c.got == text ? 0 : p->ParameterData.IntegerData);
+        name = c.got == text ? p : name;
+    }
+    // A string stays readable until the configuration is closed.
+    ASSERT_NE(nullptr, name);
+    EXPECT_EQ(u"ncm 1", std::u16string(name->ParameterData.StringData.Buffer, name->ParameterData.StringData.Length / 2));
+    for (auto [text, ok] : std::vector<std::pair<std::string, bool>>{{"02-11-22-33-44-5f", true},
+                                                                      {"02:11:22:33:44:5F", true},
+                                                                      {"02112233445f", true},
+                                                                      {"0211223344 5f", false},
+                                                                      {"0211223344", false},
+                                                                      {"02112233445566", false},
+                                                                      {"0211223344zz", false}}) {
+        kplat::RegistrySetString(kKey, "NetworkAddress", text);
+        PVOID address;
+        UINT length;
+        NdisReadNetworkAddress(&status, &address, &length, config);
+        EXPECT_EQ(ok ? NDIS_STATUS_SUCCESS : NDIS_STATUS_FAILURE, status) << text;
+        EXPECT_TRUE(ok ? memcmp(address, "\x02\x11\x22\x33\x44\x5f", 6) == 0 : length == 0) << text;
+    }
+    NdisCloseConfiguration(config);
+    kplat::AdapterOptions failing;
+    failing.failOpenConfiguration = true;
+    Up(failing);
+    NdisOpenConfiguration(&status, &config, gFake.config);
+    EXPECT_EQ(NDIS_STATUS_RESOURCES, status);
+}
+
+TEST_F(Ndis, PacketsCarryTheirBytesInTheLayoutAsked) {
+    Up();
+    std::vector<uint8_t> frame(1514);
+    for (size_t i = 0; i < frame.size(); i++) frame[i] = (uint8_t)(i * 7);
+    struct Case {
+        size_t length;
+        std::vector<UINT> splits;
+        bool unmapped, validCounts;
+        UINT buffers;
+    } cases[] = {
+        {1514, {}, false, true, 1},       {60, {14}, false, false, 2},     {60, {14, 0, 6}, true, true, 4},
+        {14, {14}, true, false, 2},       {1514, {1, 1, 1}, false, true, 4},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        PNDIS_PACKET packet = adapter->AllocatePacket(frame.data(), c.length, {c.splits, c.unmapped, c.validCounts});
+        EXPECT_EQ(c.validCounts, packet->Private.ValidCounts != 0);
+        UINT buffers, total;
+        PNDIS_BUFFER buffer;
+        NdisQueryPacket(packet, nullptr, &buffers, &buffer, &total);
+        EXPECT_EQ(c.buffers, buffers);
+        EXPECT_EQ(c.length, total);
+        std::vector<uint8_t> bytes;
+        for (; buffer != nullptr; NdisGetNextBuffer(buffer, &buffer)) {
+            PVOID va;
+            UINT n;
+            NdisQueryBufferSafe(buffer, &va, &n, 16);
+            EXPECT_TRUE(buffer->MdlFlags & (c.unmapped ? MDL_MAPPED_TO_SYSTEM_VA : MDL_SOURCE_IS_NONPAGED_POOL));
+            bytes.insert(bytes.end(), (uint8_t*)va, (uint8_t*)va + n);
+        }
+        EXPECT_EQ(std::vector<uint8_t>(frame.begin(), frame.begin() + c.length), bytes);
+        // MiniportReserved stays the miniport's until the completion.
+        std::vector<uint8_t> reserved;
+        adapter->OnSendComplete([&](PNDIS_PACKET p, NDIS_STATUS) {
+            reserved.assign(p->MiniportReserved, p->MiniportReserved + 16);
+        });
+        adapter->Send(&packet, 1);
+        EXPECT_EQ(1u, adapter->PacketsOutstanding());
+        NdisMSendComplete(gFake.handle, packet, NDIS_STATUS_SUCCESS);
+        EXPECT_EQ(std::vector<uint8_t>(16, 0xA5), reserved);
+        EXPECT_EQ(bytes, kplat::NdisAdapter::PacketBytes(packet));
+        adapter->FreePacket(packet);
+    }
+    EXPECT_EQ(5u, adapter->PacketsCompletedWith(NDIS_STATUS_SUCCESS));
+    EXPECT_EQ(0u, adapter->PacketsOutstanding());
+}
+
+TEST_F(Ndis, AdapterArrivesChecksForHangsAndLeavesBySurprise) {
+    kplat::AdapterOptions options;
+    options.media = {NdisMediumDix, NdisMedium802_3};
+    Up(options);
+    ASSERT_EQ(NDIS_STATUS_SUCCESS, adapter->InitializeStatus());
+    EXPECT_EQ(options.media, gFake.media);
+    EXPECT_EQ(1u, adapter->SelectedMediumIndex());
+    EXPECT_EQ(&gContext, adapter->Context());
+    EXPECT_EQ(0xA0u, adapter->AttributeFlags());
+    PDEVICE_OBJECT pdo, fdo, next;
+    NdisMGetDeviceProperty(gFake.handle, &pdo, &fdo, &next, nullptr, nullptr);
+    EXPECT_EQ(bus.Pdo(), pdo);
+    EXPECT_EQ(adapter->Fdo(), fdo);
+    EXPECT_EQ(bus.Pdo(), next);
+    ASSERT_EQ(1u, kplat::ErrorLog().size());
+    EXPECT_EQ(std::vector<ULONG>({7, 9}), kplat::ErrorLog()[0].values);
+    // Hang check every 2 s (the default for 0); a hang resets; no check while the reset is pending.
+    kplat::AdvanceTime(1999);
+    EXPECT_EQ(0u, adapter->HangChecks());
+    kplat::AdvanceTime(1);
+    EXPECT_EQ(1u, adapter->HangChecks());
+    gFake.hang = true;
+    kplat::AdvanceTime(6000);
+    EXPECT_EQ(2u, adapter->HangChecks());
+    EXPECT_EQ(1u, adapter->Resets());
+    EXPECT_TRUE(adapter->ResetPending());
+    NdisMResetComplete(gFake.handle, NDIS_STATUS_SUCCESS, FALSE);
+    EXPECT_FALSE(adapter->ResetPending());
+    // Receives: recorded, or given to the callback that may transfer data.
+    const uint8_t frame[20] = {1, 2, 3};
+    NdisMEthIndicateReceive(gFake.handle, &gFake, (PVOID)frame, 14, (PVOID)(frame + 14), 6, 20);
+    NdisMEthIndicateReceiveComplete(gFake.handle);
+    auto frames = adapter->TakeReceivedFrames();
+    ASSERT_EQ(1u, frames.size());
+    EXPECT_EQ(std::vector<uint8_t>(frame, frame + 14), frames[0].header);
+    EXPECT_EQ(20u, frames[0].packetSize);
+    UINT transferred = 0;
+    adapter->OnReceive([&](NDIS_HANDLE context, const uint8_t*, UINT, const uint8_t*, UINT, UINT) {
+        adapter->TransferData(context, 2, 4, nullptr, &transferred);
+    });
+    NdisMEthIndicateReceive(gFake.handle, &gFake, (PVOID)frame, 14, (PVOID)(frame + 14), 6, 20);
+    EXPECT_EQ(4u, transferred);
+    EXPECT_EQ(2u, adapter->ReceiveIndications());
+    EXPECT_EQ(NDIS_STATUS_FAILURE, adapter->TransferData(&gFake, 0, 1, nullptr, &transferred));
+    NdisMIndicateStatus(gFake.handle, NDIS_STATUS_MEDIA_CONNECT, nullptr, 0);
+    EXPECT_EQ(std::vector<NDIS_STATUS>{NDIS_STATUS_MEDIA_CONNECT}, adapter->StatusIndications());
+    adapter->SurpriseRemove();
+    EXPECT_EQ(std::vector<std::string>({"init", "reset", "pnp2", "halt"}), gFake.Calls());
+    EXPECT_FALSE(adapter->IsInitialized());
+}
+
+TEST_F(Ndis, VerifierReportsBrokenRules) {
+    kplat::CheckRecorder* recorder = nullptr;
+    auto frame = [&] { return adapter->AllocatePacket((const uint8_t*)"frame", 5); };
+    auto complete = [](PNDIS_PACKET p) { NdisMSendComplete(gFake.handle, p, NDIS_STATUS_SUCCESS); };
+    struct Case {
+        const char* expected;
+        std::function<void()> scenario;
+    } cases[] = {
+        {"completed twice", [&] { PNDIS_PACKET p = frame(); adapter->Send(&p, 1); complete(p); complete(p); }},
+        {"never sent", [&] { complete(frame()); }},
+        {"holds 1 spin lock",
+         [&] {
+             KSPIN_LOCK lock;
+             KIRQL irql;
+             KeInitializeSpinLock(&lock);
+             KeAcquireSpinLock(&lock, &irql);
+             NdisMIndicateStatusComplete(gFake.handle);
+             KeReleaseSpinLock(&lock, irql);
+             NdisMIndicateStatusComplete(gFake.handle);
+         }},
+        {"not completed within 30 s",
+         [&] {
+             PNDIS_PACKET p = frame();
+             adapter->Send(&p, 1);
+             kplat::AdvanceTime(29999);
+             EXPECT_EQ(0u, recorder->Count());
+             kplat::AdvanceTime(1);
+             complete(p);
+         }},
+        {"not completed within 12 s",
+         [&] {
+             gFake.setResult = NDIS_STATUS_PENDING;
+             EXPECT_EQ(NDIS_STATUS_PENDING, adapter->Set(OID_GEN_CURRENT_PACKET_FILTER, nullptr, 0, nullptr, nullptr));
+             kplat::AdvanceTime(11999);
+             EXPECT_EQ(0u, recorder->Count());
+             kplat::AdvanceTime(1);
+             NdisMSetInformationComplete(gFake.handle, NDIS_STATUS_SUCCESS);
+         }},
+        {"without a set pending", [&] { NdisMSetInformationComplete(gFake.handle, NDIS_STATUS_SUCCESS); }},
+        {"without a reset pending", [&] { NdisMResetComplete(gFake.handle, NDIS_STATUS_SUCCESS, FALSE); }},
+        {"MPHalt returned while the miniport still owns 1 packet",
+         [&] { adapter->SendFrame((const uint8_t*)"frame", 5); adapter->Halt(); }},
+        {"still initialized", [&] { driver->Unload(); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.expected);
+        Up();
+        kplat::CheckRecorder checks;
+        recorder = &checks;
+        c.scenario();
+        auto failures = checks.Take();
+        ASSERT_EQ(1u, failures.size());
+        EXPECT_EQ(kplat::kNdisVerifier, failures[0].code);
+        EXPECT_EQ((ULONG_PTR)gFake.handle, failures[0].p1);
+        EXPECT_NE(std::string::npos, failures[0].text.find(c.expected)) << failures[0].text;
+    }
+}
+
+}  // namespace
