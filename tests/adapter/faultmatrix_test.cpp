@@ -189,3 +189,41 @@ TEST(FaultMatrix, EachPipeFailingEachWayWhileFramesFlow)
         }
     }
 }
+
+// A reset or a power change whose work item cannot be allocated still
+// completes, once, as failed; the adapter goes on after it.
+TEST(FaultMatrix, RequestsWhoseWorkCannotBeScheduledComplete)
+{
+    struct Row {
+        const char* cell;
+        ULONG powerState;  // 0: a reset instead of a power set
+        uint64_t failAt;   // the allocation that fails, counted from the request
+    };
+    const Row rows[] = {
+        {"reset, stop not scheduled", 0, 1},
+        {"power D3, stop not scheduled", NdisDeviceStateD3, 1},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.cell);
+        Bed bed;
+        kplat::NdisAdapter& a = bed.Adapter();
+        kplat::FailNthAllocation(r.failAt);
+        if (r.powerState == 0) {
+            EXPECT_EQ(a.Reset(), NDIS_STATUS_PENDING);
+        } else {
+            ULONG state = r.powerState, read = 0, needed = 0;
+            EXPECT_EQ(a.Set(OID_PNP_SET_POWER, &state, sizeof(state), &read, &needed), NDIS_STATUS_PENDING);
+        }
+        kplat::ClearFaults();
+        bed.Settle(100);
+        if (r.powerState == 0) {
+            EXPECT_FALSE(a.ResetPending());
+            EXPECT_EQ(a.LastResetStatus(), NDIS_STATUS_HARD_ERRORS);
+        } else {
+            EXPECT_FALSE(a.SetPending());
+            EXPECT_EQ(a.SetCompletions(), 1u);
+            EXPECT_EQ(a.LastSetCompletionStatus(), NDIS_STATUS_RESOURCES);
+        }
+        RunAndCheck(bed, false, r.cell);
+    }
+}
