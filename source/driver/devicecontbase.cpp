@@ -520,16 +520,22 @@ void DeviceContBase::ReadEthernetStatistics()
         if (!IsStarted()) {
             break;
         }
-        // Bytes a short answer does not deliver keep the cached value.
-        ULONG value = __atomic_load_n(&mStatistics[i], __ATOMIC_RELAXED);
-        NTSTATUS status =
-            SendClassRequest(CDC_GET_ETHERNET_STATISTIC, (USHORT)(i + 1), true, &value, sizeof(value), NULL);
+        UCHAR answer[sizeof(ULONG)] = {};
+        ULONG received = 0;
+        NTSTATUS status = SendClassRequest(CDC_GET_ETHERNET_STATISTIC, (USHORT)(i + 1), true, answer,
+                                           sizeof(answer), &received);
         if (!NT_SUCCESS(status)) {
             KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadEthernetStatistics get statistics for %u failed %N\n", i,
                      status);
             break;
         }
-        __atomic_store_n(&mStatistics[i], value, __ATOMIC_RELAXED);
+        // A short answer is a smaller counter, zero-extended: stale high
+        // bytes of the cache would fake a huge count. No answer keeps the cache.
+        if (received == 0) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::ReadEthernetStatistics no data for %u\n", i);
+            continue;
+        }
+        __atomic_store_n(&mStatistics[i], ReadLe32(answer), __ATOMIC_RELAXED);
     }
     // Also the selectors not reached: they are asked for again by the OID
     // query when somebody needs them.

@@ -35,6 +35,7 @@ DeviceContNcm::DeviceContNcm()
       mTxNdp(),
       mTxBusy(false),
       mTxRerun(false),
+      mTxRerunTimer(false),
       mTxStopWaiting(false),
       mTxTimer(),
       mRxBandwidth(0),
@@ -331,10 +332,13 @@ NTSTATUS DeviceContNcm::Start()
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (mParameters->RxMeasurementPeriod != 0) {
+    status = StartBase();
+    // Armed only once the device control counts as started: a tick that came
+    // earlier would find it stopped and end the measurement for good.
+    if (NT_SUCCESS(status) && mParameters->RxMeasurementPeriod != 0) {
         mRxBandwidthTimer.SetTimer(mParameters->RxMeasurementPeriod);
     }
-    return StartBase();
+    return status;
 }
 
 // Contract: PASSIVE_LEVEL; no lock held.

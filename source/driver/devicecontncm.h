@@ -16,8 +16,8 @@
 // pool and work item locks):
 //  - *mLock, the adapter's spin lock, guards the whole receive side
 //    (mRxBufferList, mCurrentRxBuffer, mNdpEnumerator, mDatagramPending,
-//    mRxDatagram, mRxByteCount) and the builder flags mTxBusy, mTxRerun and
-//    mTxStopWaiting; the bandwidth tick starts its timers under it, so that
+//    mRxDatagram, mRxByteCount) and the builder flags mTxBusy, mTxRerun,
+//    mTxRerunTimer and mTxStopWaiting; the bandwidth tick starts its timers under it, so that
 //    Stop, which clears mStarted under it, is never followed by a re-arm.
 //    It is held while the adapter gets a datagram (the interface makes
 //    ProcessReceivedData a call under the adapter lock) and never while the
@@ -253,6 +253,7 @@ private:
     // ---- send: builder flags (guarded by *mLock) ----
     bool mTxBusy;         // a builder pass runs (or Stop holds the NTB)
     bool mTxRerun;        // another pass was asked for while busy
+    bool mTxRerunTimer;   // ... and one of those requests was a timer expiry
     bool mTxStopWaiting;  // Stop waits on mTxIdleEvent for the pass to end
     KEVENT mTxIdleEvent;  // signalled when a pass ends while Stop waits
     KnTimerDpc mTxTimer;  // NcmTxTimer: flushes a gathering NTB

@@ -77,6 +77,9 @@ void DeviceContNcm::ProcessTxBuffers(bool timerExpired)
         NdSpinlockGuard guard(mLock);
         if (mTxBusy) {
             mTxRerun = true;  // the running builder makes one more pass
+            // A timer expiry met by a running pass makes that extra pass a
+            // timer pass: its NTB would otherwise wait with no timer left.
+            mTxRerunTimer = mTxRerunTimer || timerExpired;
             return;
         }
         mTxBusy = true;
@@ -100,6 +103,8 @@ void DeviceContNcm::ProcessTxBuffers(bool timerExpired)
         NdSpinlockGuard guard(mLock);
         if (mTxRerun) {
             mTxRerun = false;
+            timerExpired = mTxRerunTimer;
+            mTxRerunTimer = false;
             continue;
         }
         mTxBusy = false;
@@ -281,4 +286,5 @@ void DeviceContNcm::ReleaseTxPath()
     // Requests made while stopping are served by the BufferSent of the next
     // start of the OUT stream.
     mTxRerun = false;
+    mTxRerunTimer = false;
 }

@@ -9,12 +9,12 @@
 constexpr ULONG MAC_ADDRESS_STRING_LENGTH = 12;
 
 // Converts text, a zero-terminated UTF-16 string, into mac. The string must
-// hold exactly 12 characters; each pair of them is converted by
-// RtlUnicodeStringToInteger with base 16 and its low byte stored. Which pairs
-// convert is that routine's decision (it stops at the first character that is
-// not a digit); the conversion fails when it returns a failure status.
+// be exactly 12 hexadecimal digits (either case); each pair of them is
+// converted by RtlUnicodeStringToInteger with base 16 and its low byte
+// stored.
 //
-// Returns false when the length is not 12 (mac unchanged) or a pair does not
-// convert (the bytes of the pairs before it are stored). The group bit is
-// left as the string gives it. Any IRQL; text must be resident.
+// Returns false, with mac unchanged, when the length is not 12 or any
+// character is not a hexadecimal digit, and when a pair does not convert
+// (the bytes of the pairs before it are stored then). The group bit is left
+// as the string gives it. Any IRQL; text must be resident.
 bool ConvertMacAddressString(const WCHAR* text, UCHAR mac[6]);

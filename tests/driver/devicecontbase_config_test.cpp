@@ -176,7 +176,7 @@ protected:
 
 struct MacCase {
     const char* text;
-    MacAddress expected;
+    MacAddress expected;  // all zero: no address
 };
 
 class DcbMacStringTest : public DcbMacAddressTest, public ::testing::WithParamInterface<MacCase> {};
@@ -186,8 +186,16 @@ TEST_P(DcbMacStringTest, Converts)
     DeviceProfile p;
     p.macString = GetParam().text;
     ASSERT_EQ(STATUS_SUCCESS, Create(p));
-    EXPECT_TRUE(mCont->mMacAddressValid);
-    EXPECT_EQ(GetParam().expected, Address());
+    const bool valid = GetParam().expected != MacAddress{};
+    EXPECT_EQ(valid, mCont->mMacAddressValid);
+    if (valid) {
+        EXPECT_EQ(GetParam().expected, Address());
+    } else {
+        // Twelve characters that are not all hexadecimal digits fail as a conversion.
+        EXPECT_EQ(strlen(GetParam().text) == 12,
+                  Traced(std::string("ethbrg:DeviceContBase::ReadMacAddress: Conversion of MAC address fails: ") +
+                         GetParam().text + "\n"));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -197,8 +205,9 @@ INSTANTIATE_TEST_SUITE_P(
                       MacCase{"0300000000FF", {0x02, 0x00, 0x00, 0x00, 0x00, 0xFF}},
                       // Only bit 0 is cleared; the locally administered bit stays.
                       MacCase{"FFFFFFFFFFFF", {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
-                      // A pair converts as far as it has hexadecimal digits.
-                      MacCase{"00112233445G", {0x00, 0x11, 0x22, 0x33, 0x44, 0x05}}));
+                      MacCase{"00112233445G", {}}, MacCase{"ZZZZZZZZZZZZ", {}}, MacCase{"-1-1-1-1-1-1", {}},
+                      MacCase{"+1+1+1+1+1+1", {}}, MacCase{" 1 1 1 1 1 1", {}}, MacCase{"0011223344 5", {}},
+                      MacCase{"00112233445", {}}, MacCase{"0011223344556", {}}));
 
 TEST_F(DcbMacAddressTest, GroupAddressIsCorrectedWithATrace)
 {

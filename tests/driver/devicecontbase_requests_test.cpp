@@ -397,17 +397,21 @@ TEST_F(DcbStatisticsTest, FailureAtSelectorThreeEndsThePoll)
     EXPECT_EQ(55u, Get(5));
 }
 
-TEST_F(DcbStatisticsTest, ShortAnswerKeepsTheBytesNotDelivered)
+TEST_F(DcbStatisticsTest, ShortAnswerIsZeroExtendedAndNoAnswerKeepsTheCache)
 {
     StartWithOneThreeFive(1000);
     mDevice->SetStatistic(3, 0xAABBCCDD);
     kplat::AdvanceTime(1000);
     ASSERT_EQ(0xAABBCCDDu, Get(3));
-    mWrapper->AnswerIf(
-        [](const kplat::UsbSetupPacket& s) { return s.bRequest == CDC_GET_ETHERNET_STATISTIC && s.wValue == 3; },
-        Bytes{0x11, 0x22});
-    kplat::AdvanceTime(1000);
-    EXPECT_EQ(0xAABB2211u, Get(3));
+    // Rows: the answer, and the cached value after it.
+    for (const auto& row : {std::make_pair(Bytes{0x11, 0x22}, 0x2211u), std::make_pair(Bytes{}, 0x2211u)}) {
+        mWrapper->AnswerIf(
+            [](const kplat::UsbSetupPacket& s) { return s.bRequest == CDC_GET_ETHERNET_STATISTIC && s.wValue == 3; },
+            row.first);
+        kplat::AdvanceTime(1000);
+        EXPECT_EQ(row.second, Get(3)) << row.first.size();
+    }
+    EXPECT_EQ(1u, TraceCount("ethbrg:DeviceContBase::ReadEthernetStatistics no data for 2\n"));
 }
 
 TEST_F(DcbStatisticsTest, NoRequestWhileStopped)

@@ -74,6 +74,19 @@ TEST_F(NcmTimingTest, TheTickRunsEveryPeriodWhileStartedAndNotAfterStop)
     EXPECT_EQ(11u, TraceCount(tick));
 }
 
+TEST_F(NcmTimingTest, TheTickRunsAlsoWhenStartingTheStreamsTakesLongerThanAPeriod)
+{
+    mConfig.SendClearEpHaltOnStart = 1;
+    ASSERT_EQ(STATUS_SUCCESS, Create());
+    // Every request of the start answered 40 ms late: the three pipe resets
+    // alone take 120 ms.
+    mDevice->DelayNextControl(10, 40);
+    ASSERT_EQ(STATUS_SUCCESS, Start());
+    const size_t before = TraceCount("ethbrg:DeviceContNcm::RxBandwithTimer\n");
+    kplat::AdvanceTime(1000);
+    EXPECT_EQ(before + 10, TraceCount("ethbrg:DeviceContNcm::RxBandwithTimer\n"));
+}
+
 TEST_F(NcmTimingTest, WithoutAMeasurementPeriodThereIsNoTick)
 {
     // NcmTxPeriod 0 makes the configuration clear RxMeasurementPeriod.
@@ -116,6 +129,30 @@ TEST_F(NcmTimingTest, TheSwitchFlushesAnNtbLeftWaitingInImmediateMode)
     mRecorder->ReleaseOut();
     kplat::RunUntilIdle();
     EXPECT_EQ(2u, mNetwork.Count());
+    ExpectConformingNtbs();
+}
+
+TEST_F(NcmTimingTest, ATimerExpiryDuringASendPassSendsTheStartedNtb)
+{
+    CreateAndStart();
+    Peer::SetSendTimerBased(*mCont, true);
+    mRecorder->HoldOut();
+    Send(MakeFrame(60, 1));  // idle pipe: at once, and in flight from now on
+    Send(MakeFrame(60, 2));  // starts an NTB and the transmit timer
+    kplat::RunUntilIdle();
+    bool fired = false;
+    mAdapter.onSubmit = [&] {
+        if (!fired) {
+            fired = true;
+            kplat::AdvanceTime(mConfig.NcmTxPeriod);  // expires while this pass runs
+        }
+    };
+    Send(MakeFrame(60, 3));
+    mAdapter.onSubmit = nullptr;
+    EXPECT_EQ(0u, Peer::TxDatagramCount(*mCont)) << "the expiry's pass sent it, one NTB still in flight";
+    mRecorder->ReleaseOut();
+    kplat::RunUntilIdle();
+    EXPECT_EQ(3u, mNetwork.Count());
     ExpectConformingNtbs();
 }
 

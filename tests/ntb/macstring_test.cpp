@@ -50,17 +50,13 @@ TEST(MacString, WrongLengthIsRefusedAndLeavesTheAddress)
     }
 }
 
-TEST(MacString, PairsConvertAsThePlatformRoutineReadsThem)
+TEST(MacString, AnythingButHexadecimalDigitsIsRefusedAndLeavesTheAddress)
 {
-    // The routine reads hexadecimal digits up to the first other character:
-    // "5G" gives 5, "zz" gives 0.
-    Converted c = Convert(u"zz112233445G");
-    EXPECT_TRUE(c.ok);
-    ExpectMac(c, {0x00, 0x11, 0x22, 0x33, 0x44, 0x05});
-    // A leading blank is skipped, a sign applies.
-    c = Convert(u" 1-1+2334455");
-    EXPECT_TRUE(c.ok);
-    ExpectMac(c, {0x01, 0xFF, 0x02, 0x33, 0x44, 0x55});
+    for (const char16_t* text : {u"zz112233445G", u" 1-1+2334455", u"00112233445G", u"0x1122334455"}) {
+        Converted c = Convert(text);
+        EXPECT_FALSE(c.ok);
+        ExpectMac(c, {0xA5, 0xA5, 0xA5, 0xA5, 0xA5, 0xA5});
+    }
 }
 
 }  // namespace
