@@ -96,13 +96,7 @@ protected:
 };
 
 TEST_F(Ndis, RegistrationChecksTheRecord) {
-    struct Case {
-        const char* name;
-        UINT length;
-        UCHAR minor;
-        bool noInitialize;
-        NDIS_STATUS expected;
-    } cases[] = {
+    struct Case { const char* name; UINT length; UCHAR minor; bool noInitialize; NDIS_STATUS expected; } cases[] = {
         {"5.1 record", 240, 1, false, NDIS_STATUS_SUCCESS},
         {"short record", 200, 1, false, NDIS_STATUS_BAD_CHARACTERISTICS},
         {"version 5.0", 240, 0, false, NDIS_STATUS_BAD_VERSION},
@@ -131,12 +125,8 @@ void TimerFunction(PVOID, PVOID context, PVOID, PVOID) {
 }
 
 TEST_F(Ndis, TimersRunOnTheVirtualClock) {
-    struct Case {
-        const char* name;
-        uint64_t againAt, cancelAt;
-        uint64_t firedAt;  // 0: never
-        BOOLEAN cancelled;
-    } cases[] = {
+    // firedAt 0: never
+    struct Case { const char* name; uint64_t againAt, cancelAt, firedAt; BOOLEAN cancelled; } cases[] = {
         {"fires at its deadline", 0, 0, 100, FALSE},
         {"set again restarts it", 50, 0, 150, FALSE},
         {"cancelled before", 0, 99, 0, TRUE},
@@ -170,12 +160,8 @@ TEST_F(Ndis, ConfigurationComesFromTheAdapterKey) {
     NdisOpenConfiguration(&status, &config, gFake.config);
     ASSERT_EQ(NDIS_STATUS_SUCCESS, status);
     const NDIS_PARAMETER_TYPE integer = NdisParameterInteger, hex = NdisParameterHexInteger, text = NdisParameterString;
-    struct Case {
-        const char16_t* keyword;
-        NDIS_PARAMETER_TYPE asked, got;
-        NDIS_STATUS status;
-        ULONG value;
-    } cases[] = {
+    struct Case { const char16_t* keyword; NDIS_PARAMETER_TYPE asked, got; NDIS_STATUS status; ULONG value; };
+    const Case cases[] = {
         {u"DWORD", integer, integer, NDIS_STATUS_SUCCESS, 16}, {u"Dword", text, integer, NDIS_STATUS_SUCCESS, 16},
         {u"Dec", integer, integer, NDIS_STATUS_SUCCESS, 1000}, {u"Hex", hex, hex, NDIS_STATUS_SUCCESS, 255},
         {u"Name", text, text, NDIS_STATUS_SUCCESS, 0},         {u"Bad", integer, integer, NDIS_STATUS_FAILURE, 0},
@@ -195,7 +181,8 @@ TEST_F(Ndis, ConfigurationComesFromTheAdapterKey) {
     }
     // A string stays readable until the configuration is closed.
     ASSERT_NE(nullptr, name);
-    EXPECT_EQ(u"ncm 1", std::u16string(name->ParameterData.StringData.Buffer, name->ParameterData.StringData.Length / 2));
+    const NDIS_STRING& value = name->ParameterData.StringData;
+    EXPECT_EQ(u"ncm 1", std::u16string(value.Buffer, value.Length / 2));
     for (auto [text, ok] : std::vector<std::pair<std::string, bool>>{{"02-11-22-33-44-5f", true},
                                                                       {"02:11:22:33:44:5F", true},
                                                                       {"02112233445f", true},
@@ -222,12 +209,7 @@ TEST_F(Ndis, PacketsCarryTheirBytesInTheLayoutAsked) {
     Up();
     std::vector<uint8_t> frame(1514);
     for (size_t i = 0; i < frame.size(); i++) frame[i] = (uint8_t)(i * 7);
-    struct Case {
-        size_t length;
-        std::vector<UINT> splits;
-        bool unmapped, validCounts;
-        UINT buffers;
-    } cases[] = {
+    struct Case { size_t length; std::vector<UINT> splits; bool unmapped, validCounts; UINT buffers; } cases[] = {
         {1514, {}, false, true, 1},       {60, {14}, false, false, 2},     {60, {14, 0, 6}, true, true, 4},
         {14, {14}, true, false, 2},       {1514, {1, 1, 1}, false, true, 4},
     };
@@ -320,10 +302,7 @@ TEST_F(Ndis, VerifierReportsBrokenRules) {
     kplat::CheckRecorder* recorder = nullptr;
     auto frame = [&] { return adapter->AllocatePacket((const uint8_t*)"frame", 5); };
     auto complete = [](PNDIS_PACKET p) { NdisMSendComplete(gFake.handle, p, NDIS_STATUS_SUCCESS); };
-    struct Case {
-        const char* expected;
-        std::function<void()> scenario;
-    } cases[] = {
+    struct Case { const char* expected; std::function<void()> scenario; } cases[] = {
         {"completed twice", [&] { PNDIS_PACKET p = frame(); adapter->Send(&p, 1); complete(p); complete(p); }},
         {"never sent", [&] { complete(frame()); }},
         {"holds 1 spin lock",
