@@ -94,6 +94,7 @@ void RunAndCheck(Bed& bed, bool removed, const std::string& cell)
     }
     bed.Unplug();
     bed.Driver().Unload();
+    bed.Bus().Unplug();  // the device in front of the function dies before the bed
     kplat::RunUntilIdle();
     kplat::ObjectCounts objects = kplat::GetObjectCounts();
     EXPECT_EQ(objects.irps, 0u);
@@ -142,6 +143,7 @@ TEST(FaultMatrix, EveryControlRequestOfBringUpFailingEachWay)
         ASSERT_EQ(bed.Plug(), NDIS_STATUS_SUCCESS);
         controls = probe.Controls();
         bed.Unplug();
+        bed.Bus().Unplug();
     }
     ASSERT_GT(controls, 5u);
     for (Fault f : {Fault::Stall, Fault::Hold, Fault::Gone, Fault::Short}) {
