@@ -123,6 +123,7 @@ TEST(FaultMatrix, EveryAllocationOfBringUpFailingInTurn)
         allocations = kplat::PoolAllocationCount() - before;
     }
     ASSERT_GT(allocations, 10u);
+    RecordProperty("cells", (int)allocations);
     for (uint64_t n = 1; n <= allocations; n++) {
         Bed bed(Detached());
         bed.Bus().Attach(&bed.Device());
@@ -146,6 +147,7 @@ TEST(FaultMatrix, EveryControlRequestOfBringUpFailingEachWay)
         bed.Bus().Unplug();
     }
     ASSERT_GT(controls, 5u);
+    RecordProperty("cells", (int)controls * 4);
     for (Fault f : {Fault::Stall, Fault::Hold, Fault::Gone, Fault::Short}) {
         for (uint64_t k = 1; k <= controls; k++) {
             Bed bed(Detached());
