@@ -210,9 +210,11 @@ NDIS_STATUS MpAdapter::Initialize(NDIS_HANDLE wrapperConfigurationContext)
             KnHexDump(mPermanentAddress, 6);
             KnPrint("\n");
         }
-        mLinkSpeed = mConfig.DefaultLinkSpeed;
-        mSpeedKnown = false;
-        KN_TRACE(KN_TRACE_INFO, "%P:MpAdapter::Initialize: Link speed = %u Mbps\n", mLinkSpeed / 10000);
+        // The notification stream runs already: the link fields are written
+        // as it writes them, without the lock.
+        __atomic_store_n(&mLinkSpeed, mConfig.DefaultLinkSpeed, __ATOMIC_RELAXED);
+        __atomic_store_n(&mSpeedKnown, false, __ATOMIC_RELAXED);
+        KN_TRACE(KN_TRACE_INFO, "%P:MpAdapter::Initialize: Link speed = %u Mbps\n", mConfig.DefaultLinkSpeed / 10000);
         ULONG wakeState = mConfig.WakeOnMagicPacket != 0 ? NdisDeviceStateD3 : NdisDeviceStateUnspecified;
         mWakeUpMagicPacket = mWakeUpPatternMatch = mWakeUpLinkChange = wakeState;
         if (!mConfig.AddressFromRegistry) {

@@ -283,7 +283,7 @@ NDIS_STATUS NTAPI MPInitialize(PNDIS_STATUS OpenErrorStatus, PUINT SelectedMediu
     }
     NdisWriteErrorLogEntry(MiniportAdapterHandle, MPADAPTER_ERRLOG_CREATED, 1, adapter->mAdapterNumber);
     KN_TRACE(KN_TRACE_INFO, "%P: ]MPInitialize %D %s\n", NDIS_STATUS_SUCCESS, NdStatusName(NDIS_STATUS_SUCCESS));
-    adapter->mInitialized = true;
+    __atomic_store_n(&adapter->mInitialized, true, __ATOMIC_RELAXED);
     return NDIS_STATUS_SUCCESS;
 }
 
@@ -295,7 +295,7 @@ void NTAPI MPHalt(NDIS_HANDLE MiniportAdapterContext)
     if (!MP_CHECK_CONTEXT(adapter, "PTRVALID(Adp,MpAdapter)")) {
         return;
     }
-    adapter->mInitialized = false;
+    __atomic_store_n(&adapter->mInitialized, false, __ATOMIC_RELAXED);
     adapter->Halt();
     gMpDriver->RemoveAdapter(adapter);
     if (KnGetTraceMask() & KN_TRACE_INFO) {
