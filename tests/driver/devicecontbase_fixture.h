@@ -148,7 +148,7 @@ protected:
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mAnswerIf || !mAnswerIf(transfer->setup)) return false;
         uint32_t n = std::min<uint32_t>((uint32_t)mAnswer.size(), transfer->setup.wLength);
-        std::memcpy(transfer->data, mAnswer.data(), n);
+        if (n != 0) std::memcpy(transfer->data, mAnswer.data(), n);
         transfer->actual = n;
         return true;
     }
