@@ -98,7 +98,7 @@ struct Transfer {
 
     // State, under mLock.
     bool inDevice = false;         // the run loop is in a device call for it
-    bool cancelRequested = false;  // the cancel routine ran during that call
+    bool cancelRequested = false;  // the cancel routine ran during that call (or while held)
     bool started = false;          // the device has seen part of it
     bool finished = false;         // has its final status
     USBD_STATUS status = USBD_STATUS_PENDING;
@@ -322,6 +322,8 @@ struct UsbBus::Impl final : public UsbDevicePort {
     KDPC mDpc;
     KDPC mTimerDpc;
     KTIMER mTimer;
+    KDPC mHoldDpc;     // runs the loop when held transfers fall due
+    KTIMER mHoldTimer;
     uint16_t mBusNumber = 0;
     uint8_t mAddress = 1;
 
@@ -341,6 +343,12 @@ struct UsbBus::Impl final : public UsbDevicePort {
     std::list<Transfer*> mControlQueue;
     Transfer* mControlActive = nullptr;
     std::list<Transfer*> mOperations;
+    // Slow abort: the endpoint whose next abort holds its transfers, for how
+    // long, and the transfers held until mHeldUntil.
+    int mHoldAbortEndpoint = -1;
+    uint64_t mHoldAbortMs = 0;
+    std::list<Transfer*> mHeld;
+    uint64_t mHeldUntil = 0;
     std::vector<uint8_t> mAbortNotices;
     std::unordered_map<PIRP, Transfer*> mLive;
     std::unordered_map<UsbControlTransfer*, ControlRecord*> mRecords;
@@ -375,6 +383,8 @@ UsbBus::Impl::Impl() : mBounce(kMaxPacket) {
     KeInitializeDpc(&mDpc, DpcRoutine, this);
     KeInitializeDpc(&mTimerDpc, DpcRoutine, this);
     KeInitializeTimer(&mTimer);
+    KeInitializeDpc(&mHoldDpc, DpcRoutine, this);
+    KeInitializeTimer(&mHoldTimer);
 
     if (const char* env = getenv("ETHBRG_USB_CAPTURE")) {
         std::string path = env;
@@ -404,9 +414,11 @@ UsbBus::Impl::~Impl() {
     }
     RunAtDispatch();
     KeCancelTimer(&mTimer);
+    KeCancelTimer(&mHoldTimer);
     if (IsStarted() && KeGetCurrentIrql() == PASSIVE_LEVEL) KeFlushQueuedDpcs();
     KeRemoveQueueDpc(&mDpc);
     KeRemoveQueueDpc(&mTimerDpc);
+    KeRemoveQueueDpc(&mHoldDpc);
     {
         std::lock_guard<std::mutex> lock(mLock);
         if (!mLive.empty())
@@ -831,8 +843,8 @@ void UsbBus::Impl::OnCancel(PIRP irp) {
     auto it = mLive.find(irp);
     if (it == mLive.end()) return;
     Transfer* t = it->second;
-    if (t->inDevice) {
-        t->cancelRequested = true;  // the run loop completes it after the device call
+    if (t->inDevice || t->list == &mHeld) {
+        t->cancelRequested = true;  // the run loop completes it after the device call / the hold
         return;
     }
     if (!t->finished) {
@@ -947,6 +959,11 @@ bool UsbBus::Impl::Step(std::unique_lock<std::mutex>& lk) {
     }
     if (!mDevice) return false;
     bool progress = false;
+    if (!mHeld.empty() && kplat::Now() >= mHeldUntil) {
+        std::vector<Transfer*> held(mHeld.begin(), mHeld.end());
+        for (Transfer* t : held) CompleteLocked(t, USBD_STATUS_CANCELED);
+        progress = true;
+    }
     if (!mAbortNotices.empty()) {
         NotifyAborted(lk);
         progress = true;
@@ -993,6 +1010,20 @@ bool UsbBus::Impl::OperationStep(std::unique_lock<std::mutex>& lk) {
             std::vector<Transfer*> victims;
             for (Transfer* x : p->queue)
                 if (!x->finished) victims.push_back(x);
+            if (mHoldAbortEndpoint == p->address) {
+                // A slow abort: the victims come back when the hold ends.
+                mHoldAbortEndpoint = -1;
+                mHeldUntil = kplat::Now() + mHoldAbortMs * 10000;
+                for (Transfer* x : victims) {
+                    Unlink(x);
+                    x->list = &mHeld;
+                    x->link = mHeld.insert(mHeld.end(), x);
+                }
+                LARGE_INTEGER due;
+                due.QuadPart = -(LONGLONG)(mHoldAbortMs * 10000);
+                KeSetTimer(&mHoldTimer, due, &mHoldDpc);
+                victims.clear();
+            }
             for (Transfer* x : victims) CompleteLocked(x, USBD_STATUS_CANCELED);
             p->nakWait = false;
             // The device hears of it before the abort completes.
@@ -1456,6 +1487,12 @@ bool UsbBus::IsAttached() const {
 void UsbBus::SetInlineCompletion(bool on) {
     std::lock_guard<std::mutex> lock(mImpl->mLock);
     mImpl->mInline = on;
+}
+
+void UsbBus::HoldAbortedTransfers(uint8_t endpointAddress, uint32_t ms) {
+    std::lock_guard<std::mutex> lock(mImpl->mLock);
+    mImpl->mHoldAbortEndpoint = endpointAddress;
+    mImpl->mHoldAbortMs = ms;
 }
 
 void UsbBus::SetLinkRate(uint64_t bitsPerSecond) {

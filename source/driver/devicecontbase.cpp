@@ -76,6 +76,7 @@ DeviceContBase::DeviceContBase()
       StreamInClient(),
       mLock(NULL),
       mRequestMutex(),
+      mStateLock(),
       mUsbDevice(),
       mDescriptors(),
       mMacAddress(),
@@ -120,7 +121,10 @@ DeviceContBase::~DeviceContBase()
 NTSTATUS DeviceContBase::Exit()
 {
     IRQL_EQ_PASSIVE();
+    // No work of this object may run once the device control is gone: a
+    // filter queued by a request that raced with Stop is cancelled too.
     mStartStopWorkItem.CancelCallbackAndWait();
+    mPacketFilterWorkItem.CancelCallbackAndWait();
     mStatisticsWorkItem.CancelTimedWorkItemAndWait();
 
     if (!mConfiguration.IsConfigured()) {
@@ -225,6 +229,7 @@ NTSTATUS DeviceContBase::StartBase()
         return status;
     }
 
+    KnSpinLockGuard guard(mStateLock);
     SetStarted(true);
 
     // Every supported statistic is read once shortly after the start.
@@ -237,12 +242,20 @@ NTSTATUS DeviceContBase::StartBase()
     return status;
 }
 
+// Contract: IRQL <= DISPATCH_LEVEL; mStateLock not held.
+void DeviceContBase::ClearStarted()
+{
+    IRQL_LTEQ_DISPATCH();
+    KnSpinLockGuard guard(mStateLock);
+    SetStarted(false);
+}
+
 // Contract: PASSIVE_LEVEL; not on mPacketFilterWorkItem or
 // mStatisticsWorkItem; no lock held.
 void DeviceContBase::StopBase()
 {
     IRQL_EQ_PASSIVE();
-    SetStarted(false);
+    ClearStarted();
     mOutStream.Stop();
     mInStream.Stop();
     mNotificationStream.Stop();
@@ -405,8 +418,8 @@ void DeviceContBase::ReadMacAddress()
 // DeviceContBase: packet filter
 // ===========================================================================
 
-// Contract: IRQL <= DISPATCH_LEVEL; no lock needed (mCdcPacketFilter is
-// written atomically).
+// Contract: IRQL <= DISPATCH_LEVEL; mStateLock not held (mLock may be);
+// mCdcPacketFilter is written atomically.
 bool DeviceContBase::SetPacketFilter(ULONG ndisPacketFilter)
 {
     IRQL_LTEQ_DISPATCH();
@@ -418,6 +431,10 @@ bool DeviceContBase::SetPacketFilter(ULONG ndisPacketFilter)
     if (ndisPacketFilter & DEVICECONT_NDIS_MULTICAST) cdcFilter |= CDC_PACKET_TYPE_MULTICAST;
     __atomic_store_n(&mCdcPacketFilter, cdcFilter, __ATOMIC_RELAXED);
 
+    // Decided and queued under the lock Stop clears mStarted under: a
+    // request that saw the device control started is queued before Stop
+    // cancels the work, never after it.
+    KnSpinLockGuard guard(mStateLock);
     if (!IsStarted()) {
         // Kept; it goes out with the next change after the start.
         return false;
@@ -440,6 +457,12 @@ void DeviceContBase::SendPacketFilter()
 {
     IRQL_EQ_PASSIVE();
     KnMutexGuard guard(mRequestMutex);
+    // Looked at again here: nothing reaches the device or the adapter from
+    // deferred work once the device control is stopped.
+    if (!IsStarted()) {
+        KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::SendPacketFilter: stopped, nothing sent\n");
+        return;
+    }
 
     USHORT cdcFilter = __atomic_load_n(&mCdcPacketFilter, __ATOMIC_RELAXED);
     KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::SendPacketFilter: SET_ETHERNET_PACKET_FILTER %08x\n", cdcFilter);
@@ -541,6 +564,9 @@ void DeviceContBase::ReadEthernetStatistics()
     // query when somebody needs them.
     __atomic_store_n(&mStatisticsRequested, 0, __ATOMIC_RELAXED);
 
+    // Re-armed under the lock Stop clears mStarted under: never after Stop
+    // has cancelled the poll.
+    KnSpinLockGuard stateGuard(mStateLock);
     if (IsStarted()) {
         mStatisticsWorkItem.Schedule(mParameters->StatisticsUpdateInterval, mFunctionalDeviceObject,
                                      ReadEthernetStatisticsRoutine, this, NULL, DelayedWorkQueue);

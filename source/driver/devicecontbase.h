@@ -10,6 +10,9 @@
 //  - mLock (the adapter's spin lock) is never taken here; the NCM data path
 //    takes it.
 //  - mRequestMutex serialises every class request on the control pipe.
+//  - mStateLock makes "started" and the queueing of deferred work one step:
+//    the paths that queue class requests decide under it, and Stop clears
+//    mStarted under it (nested inside mLock in the NCM Stop).
 //  - mStarted, mCdcPacketFilter, mStatistics, mStatisticsSupported and
 //    mStatisticsRequested are shared between the adapter's OID paths and
 //    the worker threads without a lock; they are read and written only with
@@ -21,6 +24,7 @@
 #include <usbdi.h>
 
 #include "KnMutex.h"
+#include "KnSpinlock.h"
 #include "NdSpinlock.h"
 #include "adapterconfig.h"
 #include "deviceinterfaces.h"
@@ -111,9 +115,10 @@ public:
 
     // ---- life (DeviceCont) ----
 
-    // Contract: PASSIVE_LEVEL; the streams are stopped. Waits for the
-    // deferred work, puts the data interface back to alternate setting 0 and
-    // gives up the configuration. STATUS_SUCCESS when none was selected.
+    // Contract: PASSIVE_LEVEL; the streams are stopped. Cancels and waits
+    // for every work item of its own, puts the data interface back to
+    // alternate setting 0 and gives up the configuration. STATUS_SUCCESS
+    // when none was selected.
     NTSTATUS Exit() override;
     // Contract: IRQL <= DISPATCH_LEVEL; no lock needed. Schedules Start (then
     // StartCompleted) / Stop (then StopCompleted) on mStartStopWorkItem; a
@@ -132,8 +137,9 @@ public:
     // Contract: any IRQL. wNumberMCFilters without the imperfect-filtering
     // bit; 0 without a descriptor.
     ULONG GetNumberMCFilters() override;
-    // Contract: IRQL <= DISPATCH_LEVEL; no lock needed. Stores the CDC form
-    // of the NDIS filter; while started, schedules SendPacketFilter and
+    // Contract: IRQL <= DISPATCH_LEVEL; mStateLock not held (the adapter may
+    // hold mLock); takes mStateLock. Stores the CDC form of the NDIS
+    // filter; while started, schedules SendPacketFilter and
     // returns whether it was scheduled; false while stopped.
     bool SetPacketFilter(ULONG ndisPacketFilter) override;
 
@@ -204,8 +210,11 @@ protected:
 
     // Contract: any IRQL.
     bool IsStarted() const { return __atomic_load_n(&mStarted, __ATOMIC_ACQUIRE); }
-    // Contract: any IRQL. The NCM Stop calls it under mLock.
+    // Contract: any IRQL. Callers hold mStateLock.
     void SetStarted(bool started) { __atomic_store_n(&mStarted, started, __ATOMIC_RELEASE); }
+    // Contract: IRQL <= DISPATCH_LEVEL; mStateLock not held (the NCM Stop
+    // holds mLock). Clears mStarted: no deferred work is queued from here on.
+    void ClearStarted();
 
     // Contract: any IRQL. A field of the Ethernet Networking Functional
     // Descriptor (little-endian, size 1, 2 or 4 bytes at offset); 0 without
@@ -226,6 +235,7 @@ protected:
     // ---- locks ----
     NdSpinlock* mLock;      // the adapter's lock; guards the NCM data path (not taken here)
     KnMutex mRequestMutex;  // held around every class request
+    KnSpinLock mStateLock;  // mStarted changes and deferred work queued while started
 
     // ---- USB device ----
     KnPnPLowerDeviceUsb mUsbDevice;  // device objects set by Init, cleared by the destructor

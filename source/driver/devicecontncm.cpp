@@ -408,7 +408,7 @@ void DeviceContNcm::Stop()
     IRQL_EQ_PASSIVE();
     {
         NdSpinlockGuard guard(mLock);
-        SetStarted(false);  // release: pairs with the acquire of IsStarted in IndicateError and the tick
+        ClearStarted();  // release: pairs with the acquire of IsStarted in IndicateError and the tick
     }
     mTxTimer.CancelTimer();
     mRxBandwidthTimer.CancelTimer();

@@ -21,6 +21,7 @@
 #include "KnMutex.h"
 #include "KnSpinlock.h"
 #include "deviceinterfaces.h"
+#include "kntimedworkitemex.h"
 #include "knusbdatapipebase.h"
 #include "knworkitemex.h"
 #include "usbbuf.h"
@@ -28,6 +29,7 @@
 // Time-outs of the streams, ms.
 #define STREAM_DRAIN_TIMEOUT_MS 5000   // Stop: abort and drain the pipe
 #define STREAM_RESET_TIMEOUT_MS 500    // Start: reset the pipe and clear its stall
+#define STREAM_RESTART_RETRY_MS 1000   // Restart: delay before a failed start is tried again
 // URB size of every stream buffer, bytes.
 #define STREAM_URB_SIZE 128
 
@@ -59,9 +61,16 @@ public:
     virtual NTSTATUS Start(bool resetPipe) = 0;
 
     // Contract: PASSIVE_LEVEL; no spin lock held; not from the client's
-    // callbacks. Disables the stream and the pipe and waits until every
-    // submitted buffer has come back (the drain status is only traced).
+    // callbacks. The owner's stop: a restart queued or retried before it
+    // never starts the stream again, one running is waited for (mMutex).
+    // Disables the stream and the pipe and waits until every submitted
+    // buffer has come back; after a time-out the buffers stay with the pipe
+    // (ReclaimBuffers).
     void Stop();
+    // Contract: PASSIVE_LEVEL; no spin lock held. Returns once the bus has
+    // given back every buffer an earlier drain left with it, so that the
+    // pools may be freed; waits as long as that takes.
+    void ReclaimBuffers();
 
     // Contract: IRQL <= DISPATCH_LEVEL; takes no lock (callers may hold
     // mLock). While the stream runs, no restart is pending and the device is
@@ -69,8 +78,10 @@ public:
     void ScheduleRestart();
 
     // Contract: PASSIVE_LEVEL, the delayed work queue (work item callback;
-    // context is the stream). Stop, then Start with a pipe reset; nothing
-    // when the device is gone.
+    // context is the stream, argument the stop generation it was scheduled
+    // in). Drain, then Start with a pipe reset, retried on a timer while it
+    // fails; nothing when the device is gone or the owner stopped the stream
+    // since.
     static void Restart(PDEVICE_OBJECT deviceObject, PVOID context, PVOID argument);
 
     // ---- snapshots (any IRQL; for the owner's decisions, diagnostics and tests) ----
@@ -81,10 +92,15 @@ public:
     ULONG GetPendingCount() const { return mBufPool.GetItemsOut(); }
     // The stream's data buffers.
     UsbBufPool* GetBufPool() { return &mBufPool; }
-    // 1 while a restart is queued or running.
-    ULONG GetRestartQueuedCount() const { return mRestartWorkItem.GetQueuedCount(); }
+    // 1 while a restart is queued or running (a retry included).
+    ULONG GetRestartQueuedCount() const { return mRestartWorkItem.GetQueuedCount() + mRetryWorkItem.GetQueuedCount(); }
 
 protected:
+    // Contract: PASSIVE_LEVEL; not from the restart work items. The
+    // subclasses' destructors: stops the stream, waits for the restart work
+    // and for the buffers still with the bus.
+    void Shutdown();
+
     // Contract: any IRQL. Single atomic accesses to the flags.
     void SetEnabled(bool enabled) { __atomic_store_n(&mEnabled, (UCHAR)(enabled ? 1 : 0), __ATOMIC_RELEASE); }
     void SetDeviceRemoved() { __atomic_store_n(&mDeviceRemoved, (UCHAR)1, __ATOMIC_RELEASE); }
@@ -106,12 +122,24 @@ protected:
     KnSpinLock mLock;    // guards buffer hand-out and submission against completion handling
 
     // ---- restart ----
-    KnWorkItemEx mRestartWorkItem;  // runs Restart
-    UCHAR mRestartPending;          // a restart is queued and has not begun its start step
+    KnWorkItemEx mRestartWorkItem;     // runs Restart
+    KnTimedWorkItemEx mRetryWorkItem;  // runs Restart again after a failed start
+    UCHAR mRestartPending;             // a restart is queued and has not begun its start step
+    ULONG mStopGeneration;             // owner Stops so far; atomic access only
+    UCHAR mBuffersWithBus;             // a drain timed out: buffers still with the bus (under mMutex)
 
     // ---- buffers ----
     UsbBufPool mBufPool;  // the stream's data buffers
 
+private:
+    // Contract: PASSIVE_LEVEL; mMutex held. Disables the stream, drains the
+    // pipe and keeps track of buffers a timed-out drain left with the bus.
+    void Drain();
+    // Contract: PASSIVE_LEVEL; mMutex held. A restart's start failed.
+    void RestartFailed(NTSTATUS status, PVOID generation);
+    ULONG StopGeneration() const { return __atomic_load_n(&mStopGeneration, __ATOMIC_ACQUIRE); }
+
+protected:
     // ---- identity (written by the constructors and Configure under mMutex) ----
     const char* mDirectionText;  // "IN", "OUT"; "" in the base
     UCHAR mEndpointAddress;      // the pipe's endpoint address

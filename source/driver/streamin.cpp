@@ -12,14 +12,7 @@ StreamIn::StreamIn() : Stream(true), mReadSize(0)
 // Contract: PASSIVE_LEVEL; not from the restart work item.
 StreamIn::~StreamIn()
 {
-    Stop();
-    mRestartWorkItem.CancelCallbackAndWait();
-    // A restart that was already running when Stop came may have started
-    // the stream again: stop it for good.
-    while (IsStreamEnabled()) {
-        Stop();
-        mRestartWorkItem.CancelCallbackAndWait();
-    }
+    Shutdown();
 }
 
 // Contract: PASSIVE_LEVEL; takes mMutex.
@@ -29,6 +22,9 @@ NTSTATUS StreamIn::Configure(KnPnPLowerDeviceUsb* lowerDevice, KnUsbConfiguratio
 {
     IRQL_EQ_PASSIVE();
     KnMutexGuard guard(mMutex);
+    // The buffers a timed-out drain left with the bus (on the pipe as it was
+    // connected) are freed below only once they are back.
+    ReclaimBuffers();
     mEndpointAddress = endpointAddress;
     mClient.mIn = client;
     __atomic_store_n(&mReadSize, bufferSize, __ATOMIC_RELEASE);

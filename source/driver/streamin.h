@@ -20,7 +20,8 @@ public:
     // Contract: any IRQL. An IN data pipe; mDirectionText "IN"; unconfigured.
     StreamIn();
     // Contract: PASSIVE_LEVEL; not from the restart work item. Stops the
-    // stream and waits for a queued or running restart.
+    // stream, waits for a queued or running restart and for the buffers
+    // still with the bus.
     ~StreamIn() override;
     StreamIn(const StreamIn&) = delete;
     StreamIn& operator=(const StreamIn&) = delete;

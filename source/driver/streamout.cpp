@@ -13,15 +13,8 @@ StreamOut::StreamOut() : Stream(false)
 // Contract: PASSIVE_LEVEL; not from the restart work item.
 StreamOut::~StreamOut()
 {
+    Shutdown();
     mZlpPool.FreeAll();
-    Stop();
-    mRestartWorkItem.CancelCallbackAndWait();
-    // A restart that was already running when Stop came may have started
-    // the stream again: stop it for good.
-    while (IsStreamEnabled()) {
-        Stop();
-        mRestartWorkItem.CancelCallbackAndWait();
-    }
 }
 
 // Contract: PASSIVE_LEVEL; takes mMutex.
@@ -31,6 +24,9 @@ NTSTATUS StreamOut::Configure(KnPnPLowerDeviceUsb* lowerDevice, KnUsbConfigurati
 {
     IRQL_EQ_PASSIVE();
     KnMutexGuard guard(mMutex);
+    // The buffers a timed-out drain left with the bus (on the pipe as it was
+    // connected) are freed below only once they are back.
+    ReclaimBuffers();
     mEndpointAddress = endpointAddress;
     mClient.mOut = client;
 

@@ -19,9 +19,9 @@ class StreamOut : public Stream {
 public:
     // Contract: any IRQL. An OUT data pipe; mDirectionText "OUT"; unconfigured.
     StreamOut();
-    // Contract: PASSIVE_LEVEL; not from the restart work item. Frees the
-    // zero-length packet buffers, stops the stream and waits for a queued
-    // or running restart.
+    // Contract: PASSIVE_LEVEL; not from the restart work item. Stops the
+    // stream, waits for a queued or running restart and for the buffers
+    // still with the bus, then frees the zero-length packet buffers.
     ~StreamOut() override;
     StreamOut(const StreamOut&) = delete;
     StreamOut& operator=(const StreamOut&) = delete;

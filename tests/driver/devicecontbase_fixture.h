@@ -270,6 +270,7 @@ public:
     using DeviceContBase::ReadEthernetStatistics;
     using DeviceContBase::ReadMacAddress;
     using DeviceContBase::SendPacketFilter;
+    using DeviceContBase::SendPacketFilterRoutine;
     using DeviceContBase::SetNetAddress;
     using DeviceContBase::StartBase;
     using DeviceContBase::StopBase;
@@ -285,6 +286,7 @@ public:
     using DeviceContBase::mNotificationHandler;
     using DeviceContBase::mNotificationStream;
     using DeviceContBase::mOutStream;
+    using DeviceContBase::mPacketFilterWorkItem;
     using DeviceContBase::mStatistics;
     using DeviceContBase::mStatisticsRequested;
     using DeviceContBase::mStatisticsSupported;

@@ -240,6 +240,26 @@ TEST_F(DcbPacketFilterTest, AsyncStopAndStartDoNotResendTheFilter)
     EXPECT_EQ(0x04, mCont->mCdcPacketFilter);
 }
 
+TEST_F(DcbPacketFilterTest, NothingReachesTheDeviceOrTheAdapterAfterStopOrExit)
+{
+    CreateAndStart();
+    mCont->Stop();
+    // Queued as by a SetPacketFilter that saw the device control started
+    // just before Stop cleared it.
+    auto queueLate = [&] {
+        return mCont->mPacketFilterWorkItem.ScheduleCallback(mFdo, TestDeviceCont::SendPacketFilterRoutine, mCont,
+                                                             NULL, DelayedWorkQueue);
+    };
+    ASSERT_TRUE(queueLate());
+    kplat::RunUntilIdle();
+    ASSERT_TRUE(queueLate());
+    mCont->Exit();
+    EXPECT_EQ(0u, mCont->mPacketFilterWorkItem.GetQueuedCount()) << "Exit waited for it";
+    kplat::RunUntilIdle();
+    EXPECT_TRUE(mWrapper->Requests(CDC_SET_ETHERNET_PACKET_FILTER).empty());
+    EXPECT_TRUE(mNotify.MulticastMaxAsked().empty());
+}
+
 TEST_F(DcbPacketFilterTest, CanBeSetAtDispatchLevel)
 {
     CreateAndStart();

@@ -3,6 +3,8 @@
 // to 8192 bytes and tell the device so; a removed device goes quiet.
 #include "devicecontncm_fixture.h"
 
+#include <thread>
+
 namespace ncmtest {
 namespace {
 
@@ -114,6 +116,96 @@ TEST_F(NcmErrorTest, AfterRemovalTheStreamGoesQuiet)
     EXPECT_EQ(1u, TraceCount("ethbrg:DeviceContNcm::IndicateError:"));
     // Stop and Exit still work on the gone device.
     Destroy();
+}
+
+// A read and a write fail; their restarts are queued but have not run when
+// the device control is stopped (and, with the parameter, exited).
+class NcmQueuedRestartTest : public NcmErrorTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(NcmQueuedRestartTest, DoesNothingAfterTheStop)
+{
+    CreateAndStart();
+    StreamIn& in = Peer::InStream(*mCont);
+    StreamOut& out = Peer::OutStream(*mCont);
+    {
+        drvtest::DelayedQueueBlocker blocker(mFdo);
+        mDevice->FailNextTransfers(kBulkInEp, 1, kplat::UsbHandshake::Stall);
+        mDevice->FailNextTransfers(kBulkOutEp, 1, kplat::UsbHandshake::Stall);
+        FromNetwork(MakeFrame(60, 1));
+        Send(MakeFrame(60, 2));
+        while (!in.IsRestartPending() || !out.IsRestartPending()) std::this_thread::yield();
+        mCont->Stop();
+        if (GetParam()) {
+            mCont->Exit();
+        }
+        mRecorder->ClearSetups();
+        NdSpinlockGuard guard(mAdapterLock);
+        mAdapter.submitCalls = 0;
+    }
+    EXPECT_FALSE(Traced("::Restart\n")) << "no restart ran";
+    EXPECT_TRUE(mRecorder->Setups().empty()) << "no pipe reset";
+    EXPECT_EQ(0u, mBus->PendingRequests()) << "no read";
+    EXPECT_EQ(0u, mAdapter.submitCalls) << "no BufferSent";
+    EXPECT_FALSE(in.IsStreamEnabled() || out.IsStreamEnabled());
+    if (!GetParam()) {
+        ASSERT_EQ(STATUS_SUCCESS, Start());
+        kplat::RunUntilIdle();
+        FromNetwork(MakeFrame(60, 3));
+        kplat::RunUntilIdle();
+        EXPECT_FALSE(mAdapter.Received().empty());
+    }
+    EXPECT_FALSE(Traced("ASSERTION FAILED"));
+}
+
+INSTANTIATE_TEST_SUITE_P(StopOrExit, NcmQueuedRestartTest, ::testing::Bool());
+
+// The pipe resets of the restarts after a failed read and a failed write
+// stall GetParam() times each.
+class NcmFailedRestartTest : public NcmErrorTest, public ::testing::WithParamInterface<uint32_t> {};
+
+TEST_P(NcmFailedRestartTest, IsRetriedUntilTrafficFlowsBothWays)
+{
+    CreateAndStart();
+    mDevice->StallNextControl(2 * GetParam(), 0x01);  // CLEAR_FEATURE(ENDPOINT_HALT)
+    mDevice->FailNextTransfers(kBulkInEp, 1, kplat::UsbHandshake::Stall);
+    mDevice->FailNextTransfers(kBulkOutEp, 1, kplat::UsbHandshake::Stall);
+    FromNetwork(MakeFrame(60, 1));
+    Send(MakeFrame(60, 2));  // lost with its write
+    kplat::AdvanceTime(4000);
+    EXPECT_EQ(2 * GetParam(), TraceCount("::Restart failed 0xC0000001 (STATUS_UNSUCCESSFUL), retry in 1000 ms\n"));
+    Send(MakeFrame(60, 3));
+    kplat::RunUntilIdle();
+    EXPECT_EQ(1u, mAdapter.Received().size());
+    EXPECT_EQ(1u, mNetwork.Count());
+}
+
+INSTANTIATE_TEST_SUITE_P(Stalls, NcmFailedRestartTest, ::testing::Values(1u, 2u));
+
+TEST_F(NcmErrorTest, AFailedRestartOfARemovedDeviceIsNotRetried)
+{
+    CreateAndStart();
+    {
+        drvtest::DelayedQueueBlocker blocker(mFdo);
+        mDevice->FailNextTransfers(kBulkInEp, 1, kplat::UsbHandshake::Stall);
+        FromNetwork(MakeFrame(60, 1));
+        while (!Peer::InStream(*mCont).IsRestartPending()) std::this_thread::yield();
+        mBus->Unplug();
+    }
+    kplat::AdvanceTime(10000);
+    EXPECT_EQ(1u, TraceCount("ethbrg:StreamIN82::Restart failed 0xC000009D (STATUS_DEVICE_NOT_CONNECTED), device "
+                             "removed\n"));
+    EXPECT_EQ(1u, TraceCount("::Restart failed"));
+    EXPECT_EQ(0u, Peer::InStream(*mCont).GetRestartQueuedCount());
+}
+
+TEST_F(NcmErrorTest, AReadTheBusHoldsPastTheDrainIsFreedOnlyOnceBack)
+{
+    CreateAndStart();
+    // Longer than the drains of Stop and of the destruction (10 s each).
+    mBus->HoldAbortedTransfers(kBulkInEp, 25000);
+    Destroy();
+    EXPECT_EQ(0u, kplat::GetPoolTagStats(KN_POOL_TAG_USB_BUFFER).liveCount) << kplat::PoolLeakReport();
+    EXPECT_EQ(1u, TraceCount("ethbrg:StreamIN82::Stop: drain timed out, buffers stay with the bus\n"));
 }
 
 TEST_F(NcmErrorTest, AThirdErrorWhileStoppedQueuesNoWork)

@@ -140,7 +140,7 @@ TEST_F(StreamOutTest, GetBufferIsNullWhileARestartIsPending)
     MutexHold<TestStreamOut> hold(mOutStream.get());
     mOutStream->ScheduleRestart();
     kplat::RunUntilIdle();
-    EXPECT_EQ(1u, Count("ethbrg:[StreamOUT02::Restart\n")) << "the restart has begun and waits in its Stop";
+    EXPECT_EQ(1u, mOutStream->GetRestartQueuedCount()) << "the restart has begun and waits for the mutex";
     EXPECT_TRUE(mOutStream->IsRestartPending());
     EXPECT_FALSE(mOutStream->IsStreamEnabled());
     EXPECT_EQ(nullptr, mOutStream->GetBuffer());

@@ -181,6 +181,19 @@ TEST_F(UsbBusCancel, AbortPipeCompletesEveryPendingTransfer) {
     EXPECT_EQ(SendAndRun(again), STATUS_SUCCESS);
 }
 
+TEST_F(UsbBusCancel, ASlowAbortGivesItsTransfersBackLater) {
+    Bytes b(512);
+    Request& r = PendingRead(b);
+    bus->HoldAbortedTransfers(kBulkIn, 100);
+    EXPECT_EQ(SendAndRun(PipeRequest(URB_FUNCTION_ABORT_PIPE, bulkIn)), STATUS_SUCCESS);
+    IoCancelIrp(r.irp);
+    kplat::AdvanceTime(99);
+    EXPECT_EQ(r.completions, 0);
+    kplat::AdvanceTime(1);
+    EXPECT_EQ(r.completions, 1);
+    EXPECT_EQ(r.status, STATUS_CANCELLED);
+}
+
 TEST_F(UsbBusCancel, CancelRacesWithCompletionFromAnotherThread) {
     // Reads complete on the DPC thread while this thread cancels them:
     // each must complete exactly once (a second completion is a check

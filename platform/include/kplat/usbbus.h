@@ -119,6 +119,11 @@
 //   submitted later, fails the same way until SYNC_RESET_PIPE_AND_CLEAR_STALL
 //   (or SYNC_RESET_PIPE).
 //
+// Slow abort (a fault, HoldAbortedTransfers): the transfers that one
+// ABORT_PIPE of an endpoint ends stay pending for a while, a cancel in that
+// time does not end them either, and then they complete with
+// USBD_STATUS_CANCELED. Every request of an aborted pipe still comes back.
+//
 // Cancel: every pending IRP carries a cancel routine; IoCancelIrp completes
 // it with STATUS_CANCELLED / USBD_STATUS_CANCELED (a packet the device is
 // handling at that moment is finished first; if it was the last one, the
@@ -270,6 +275,9 @@ public:
 
     // Completion inside IofCallDriver (see above). Off by default.
     void SetInlineCompletion(bool on);
+    // The next ABORT_PIPE of this endpoint leaves the transfers it ends
+    // pending for `ms` more milliseconds of the stand-in's clock (see above).
+    void HoldAbortedTransfers(uint8_t endpointAddress, uint32_t ms);
     // Pacing at a link rate in bits per second; 0 (the default) turns it off.
     void SetLinkRate(uint64_t bitsPerSecond);
     // The signalling rate of a speed: 12 Mbit/s, 480 Mbit/s, 5 Gbit/s.
