@@ -296,15 +296,21 @@ BOOLEAN MpAdapter::CheckForHang()
     return mTxHangDetected ? TRUE : FALSE;
 }
 
+void MpAdapter::CompleteSetLater(NDIS_STATUS status)
+{
+    KN_ASSERT(mLock.IsLocked());
+    mStartStopPending = false;
+    mSetCompletionDue = true;
+    mSetCompletionStatus = status;
+    ArmTimer(&mStartStopTimer, 0);
+}
+
 void MpAdapter::StopCompleted()
 {
     IRQL_EQ_PASSIVE();
     mLock.Lock();
     if (mStartStopPending) {
-        mStartStopPending = false;
-        mSetCompletionDue = true;
-        mSetCompletionStatus = NDIS_STATUS_SUCCESS;
-        ArmTimer(&mStartStopTimer, 0);
+        CompleteSetLater(NDIS_STATUS_SUCCESS);
     }
     bool resetPending = mResetPending;
     mLock.Unlock();
@@ -320,10 +326,7 @@ void MpAdapter::StartCompleted(NTSTATUS status)
     IRQL_LTEQ_DISPATCH();
     mLock.Lock();
     if (mStartStopPending) {
-        mStartStopPending = false;
-        mSetCompletionDue = true;
-        mSetCompletionStatus = NDIS_STATUS_SUCCESS;
-        ArmTimer(&mStartStopTimer, 0);
+        CompleteSetLater(NDIS_STATUS_SUCCESS);
     }
     bool completeReset = mResetPending;
     mResetPending = false;

@@ -108,6 +108,9 @@ public:
     // Contract: IRQL <= DISPATCH_LEVEL. Copies count bytes from flat memory
     // into the packet's buffers from packetOffset; returns the bytes copied.
     static ULONG CopyBufferToPacket(PNDIS_PACKET packet, ULONG packetOffset, const UCHAR* source, ULONG count);
+    // The buffer walk of both copies: count bytes between flat memory and
+    // the packet from packetOffset, in the direction toPacket says.
+    static ULONG CopyPacketBytes(PNDIS_PACKET packet, ULONG packetOffset, PUCHAR flat, ULONG count, bool toPacket);
 
 private:
     // The handlers of the miniport frame number, list, find and flag adapters.
@@ -141,6 +144,9 @@ private:
     static void NTAPI StatusTimerFunction(PVOID, PVOID context, PVOID, PVOID);
 
     // ---- deferred completion (mprequest.cpp) ----
+    // Contract: mLock held. The pending power set completes with status from
+    // the start/stop completion timer.
+    void CompleteSetLater(NDIS_STATUS status);
     static void NTAPI CompleteStartStop_Callback(PVOID, PVOID context, PVOID, PVOID);
     void CompleteStartStop();
 

@@ -23,13 +23,8 @@ static UCHAR gTxDumpBuffer[2048];
 // ---------------------------------------------------------------------------
 // Packet buffers
 // ---------------------------------------------------------------------------
-ULONG MpAdapter::CopyPacketToBuffer(PUCHAR destination, ULONG destinationSize, PNDIS_PACKET packet,
-                                    ULONG packetOffset, ULONG count)
+ULONG MpAdapter::CopyPacketBytes(PNDIS_PACKET packet, ULONG packetOffset, PUCHAR flat, ULONG count, bool toPacket)
 {
-    KN_ASSERT(count!=0);
-    if (count > destinationSize) {
-        count = destinationSize;
-    }
     PNDIS_BUFFER buffer = NULL;
     NdisQueryPacket(packet, NULL, NULL, &buffer, NULL);
     ULONG copied = 0;
@@ -45,7 +40,12 @@ ULONG MpAdapter::CopyPacketToBuffer(PUCHAR destination, ULONG destinationSize, P
                 if (n > count - copied) {
                     n = count - copied;
                 }
-                RtlCopyMemory(destination + copied, static_cast<PUCHAR>(address) + packetOffset, n);
+                PUCHAR inPacket = static_cast<PUCHAR>(address) + packetOffset;
+                if (toPacket) {
+                    RtlCopyMemory(inPacket, flat + copied, n);
+                } else {
+                    RtlCopyMemory(flat + copied, inPacket, n);
+                }
                 copied += n;
                 packetOffset = 0;
             }
@@ -55,31 +55,17 @@ ULONG MpAdapter::CopyPacketToBuffer(PUCHAR destination, ULONG destinationSize, P
     return copied;
 }
 
+ULONG MpAdapter::CopyPacketToBuffer(PUCHAR destination, ULONG destinationSize, PNDIS_PACKET packet,
+                                    ULONG packetOffset, ULONG count)
+{
+    KN_ASSERT(count!=0);
+    return CopyPacketBytes(packet, packetOffset, destination, count < destinationSize ? count : destinationSize, false);
+}
+
 ULONG MpAdapter::CopyBufferToPacket(PNDIS_PACKET packet, ULONG packetOffset, const UCHAR* source, ULONG count)
 {
-    PNDIS_BUFFER buffer = NULL;
-    NdisQueryPacket(packet, NULL, NULL, &buffer, NULL);
-    ULONG copied = 0;
-    while (buffer != NULL && copied < count) {
-        PVOID address = NULL;
-        UINT length = 0;
-        NdisQueryBufferSafe(buffer, &address, &length, NormalPagePriority);
-        if (address != NULL && length != 0) {
-            if (packetOffset >= length) {
-                packetOffset -= length;
-            } else {
-                ULONG n = length - packetOffset;
-                if (n > count - copied) {
-                    n = count - copied;
-                }
-                RtlCopyMemory(static_cast<PUCHAR>(address) + packetOffset, source + copied, n);
-                copied += n;
-                packetOffset = 0;
-            }
-        }
-        NdisGetNextBuffer(buffer, &buffer);
-    }
-    return copied;
+    // The walk writes only into the packet in this direction.
+    return CopyPacketBytes(packet, packetOffset, const_cast<PUCHAR>(source), count, true);
 }
 
 // ---------------------------------------------------------------------------

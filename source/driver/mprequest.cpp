@@ -317,10 +317,7 @@ NDIS_STATUS MpAdapter::SetInformation(NDIS_OID oid, PVOID buffer, ULONG length, 
                 // Without its work item the request would stay pending for
                 // ever: it completes as failed, from the completion timer.
                 KN_TRACE(KN_TRACE_ERROR, "%P:MPSetInformation: OID_PNP_SET_POWER could not be scheduled\n");
-                mStartStopPending = false;
-                mSetCompletionDue = true;
-                mSetCompletionStatus = NDIS_STATUS_RESOURCES;
-                ArmTimer(&mStartStopTimer, 0);
+                CompleteSetLater(NDIS_STATUS_RESOURCES);
             }
         }
         mLock.Unlock();
