@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(
   build-essential cmake clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libpcap-dev nlohmann-json3-dev libcli11-dev
+  libpcap-dev nlohmann-json3-dev libcli11-dev liburing-dev pkg-config
+  iproute2 iperf3
   mingw-w64-common tshark python3
 )
 missing=()

@@ -1115,7 +1115,7 @@ InRules NcmDevice::InRulesLocked() const
     r.divisor = mProfile.ntb.wNdpInDivisor;
     r.remainder = mProfile.ntb.wNdpInPayloadRemainder;
     r.alignment = mProfile.ntb.wNdpInAlignment;
-    r.payloadOffset = mProfile.checker.payloadOffset;
+    r.payloadOffset = mProfile.in.payloadOffset;
     r.ndpCount = mProfile.in.ndpCount;
     r.position = mProfile.in.ndpPosition;
     r.crc = mCrcMode;
@@ -1224,7 +1224,8 @@ bool NcmDevice::StartInTransferLocked()
     const InRules rules = InRulesLocked();
     while (!mFrames.empty()) {
         Bytes ntbBytes;
-        const size_t taken = PackNtb(mFrames, rules, mInSequence, &ntbBytes);
+        const size_t taken =
+            PackNtb(mFrames, rules, mProfile.in.sequenceAlwaysZero ? 0 : mInSequence, &ntbBytes);
         if (taken == 0) {
             // Too large for the host's NTB input size even alone.
             mFrames.pop_front();

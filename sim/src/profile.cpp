@@ -392,6 +392,8 @@ void Apply(const Json& root, const std::string& origin, DeviceProfile* p)
         }
         o->Bool("zlp", &p->in.zlp);
         o->Uint("queueLimit", &p->in.queueLimit);
+        o->Uint("payloadOffset", &p->in.payloadOffset);
+        o->Bool("sequenceAlwaysZero", &p->in.sequenceAlwaysZero);
         o->Done();
         if (p->in.maxDatagrams == 0 || p->in.ndpCount == 0) {
             top.Fail("in", "maxDatagrams and ndpCount must be at least 1");
@@ -561,7 +563,9 @@ std::string ProfileToJson(const DeviceProfile& p)
                {"ndpCount", p.in.ndpCount},
                {"ndpPosition", p.in.ndpPosition == NdpPosition::AfterDatagrams ? "after" : "before"},
                {"zlp", p.in.zlp},
-               {"queueLimit", p.in.queueLimit}};
+               {"queueLimit", p.in.queueLimit},
+               {"payloadOffset", p.in.payloadOffset},
+               {"sequenceAlwaysZero", p.in.sequenceAlwaysZero}};
     j["checker"] = {{"payloadOffset", p.checker.payloadOffset},
                     {"sequenceStartsAtZero", p.checker.sequenceStartsAtZero},
                     {"crcSignatureFollowsMode", p.checker.crcSignatureFollowsMode}};

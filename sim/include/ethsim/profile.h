@@ -111,6 +111,11 @@ struct DeviceProfile {
         NdpPosition ndpPosition = NdpPosition::AfterDatagrams;
         bool zlp = true;             // ZLP after an NTB that ends on a packet boundary
         uint32_t queueLimit = 1024;  // frames waiting for the host; more are dropped (RCV_NO_BUFFER)
+        // Placement of the datagrams: (index + payloadOffset) modulo
+        // wNdpInDivisor equals wNdpInPayloadRemainder. 14 aligns the payload
+        // behind the Ethernet header, 0 the datagram itself.
+        uint16_t payloadOffset = 14;
+        bool sequenceAlwaysZero = false;  // wSequence 0 in every NTB instead of counting
     } in;
 
     // How strictly the device checks the NTBs it receives (bulk OUT).
