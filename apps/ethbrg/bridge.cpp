@@ -1,7 +1,217 @@
+// `ethbrg bridge`: the adapter as a TAP interface of the Linux stack. Frames
+// the stack sends on the TAP go to MPSendPackets; receive indications are
+// written to the TAP. The device's network side is the built-in responder
+// or a second TAP, so that two network namespaces exchange real traffic
+// through the driver, NTBs and the simulated device.
+//
+// `ethbrg forward`: the same TAP code joining two TAPs directly, without the
+// driver: the baseline the bridge is measured against.
 #include "host.h"
+#include "packets.h"
+#include "summary.h"
+#include "tapport.h"
+
+#include <ethsim/network.h>
 
 #include <CLI/CLI.hpp>
 
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <thread>
+
 namespace ethbrg {
-void AddBridgeCommands(CLI::App&, CommonOptions&, std::function<int()>*) {}
+
+namespace {
+
+std::atomic<int> gSignal{0};
+
+void OnSignal(int signal) { gSignal.store(signal); }
+
+// Waits for SIGINT or SIGTERM, or until `seconds` (0: no limit) have gone.
+void WaitForEnd(double seconds)
+{
+    struct sigaction sa {};
+    sa.sa_handler = OnSignal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    auto start = std::chrono::steady_clock::now();
+    while (gSignal.load() == 0) {
+        if (seconds > 0 && std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= seconds) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+// Frames the device sends to its network side, handed to the peer TAP.
+class TapSink : public ethsim::FrameSink {
+public:
+    explicit TapSink(TapPort& port) : mPort(port) {}
+    void OnFrame(const uint8_t* frame, size_t length) override { mPort.Write(frame, length); }
+
+private:
+    TapPort& mPort;
+};
+
+struct BridgeOptions {
+    CommonOptions common;
+    std::string tap;
+    std::string peerTap;
+    std::string responder;
+    double seconds = 0;
+    std::string json;
+    unsigned maxOutstanding = 1024;
+};
+
+int RunBridge(const BridgeOptions& o)
+{
+    if (o.peerTap.empty() == o.responder.empty()) {
+        throw UsageError("give the device's network side: --responder IP or --peer-tap NAME (one of them)");
+    }
+    Ip4 responderIp{};
+    if (!o.responder.empty() && inet_pton(AF_INET, o.responder.c_str(), responderIp.data()) != 1) {
+        throw UsageError("--responder " + o.responder + ": expected an IPv4 address");
+    }
+    // The TAPs first: a missing permission is the most likely error.
+    TapPort tap(o.tap);
+    std::unique_ptr<TapPort> peer;
+    if (!o.peerTap.empty()) peer.reset(new TapPort(o.peerTap));
+
+    Host host(o.common);
+    std::atomic<uint64_t> sendsDropped{0};
+    host.OnFrame([&](const uint8_t* frame, size_t length) { tap.Write(frame, length); });
+    host.OnMediaChange([&](bool connected) { tap.SetCarrier(connected); });
+    tap.SetCarrier(false);
+    NDIS_STATUS status = host.Plug();
+    if (status != NDIS_STATUS_SUCCESS) {
+        fprintf(stderr, "ethbrg: the adapter did not initialize: 0x%08lX %s\n", (unsigned long)status,
+                NdisStatusText(status).c_str());
+        return 1;
+    }
+    host.SetPacketFilter(NDIS_PACKET_TYPE_DIRECTED | NDIS_PACKET_TYPE_MULTICAST | NDIS_PACKET_TYPE_ALL_MULTICAST |
+                         NDIS_PACKET_TYPE_BROADCAST);
+    const Mac mac = host.CurrentAddress();
+    const unsigned mtu = (unsigned)host.QueryNumber(OID_GEN_MAXIMUM_FRAME_SIZE).value_or(1500);
+    tap.SetMac(mac.data());
+    tap.SetMtu(mtu);
+    tap.SetUp();
+    tap.SetCarrier(host.MediaConnected());
+
+    // The device's network side.
+    const ethsim::MacAddress responderMac = {0x02, 0x45, 0x54, 0x48, 0xFE, 0x02};
+    std::unique_ptr<ethsim::Responder> responder;
+    std::unique_ptr<TapSink> peerSink;
+    if (peer) {
+        peer->SetMtu(mtu);
+        peer->SetUp();
+        peer->SetCarrier(true);
+        peerSink.reset(new TapSink(*peer));
+        host.Device().Connect(peerSink.get());
+        peer->Start([&](const uint8_t* frame, size_t length) { host.Device().OnFrame(frame, length); });
+    } else {
+        responder.reset(new ethsim::Responder(responderMac, responderIp));
+        host.Device().Connect(responder.get());
+        responder->Connect(&host.Device());
+    }
+    // The stack's side: every frame read from the TAP is sent, unless the
+    // miniport already holds as many as a protocol would give it.
+    tap.Start([&](const uint8_t* frame, size_t length) {
+        if (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
+            sendsDropped++;
+            return;
+        }
+        host.Send(frame, length);
+    });
+    printf("bridge up: %s (%s, MTU %u, carrier %s) <-> adapter <-> simulated device <-> %s\n", o.tap.c_str(),
+           MacText(mac.data()).c_str(), mtu, host.MediaConnected() ? "on" : "off",
+           peer ? ("TAP " + o.peerTap).c_str() : ("responder " + o.responder).c_str());
+    fflush(stdout);
+
+    const auto start = std::chrono::steady_clock::now();
+    WaitForEnd(o.seconds);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (gSignal.load()) printf("signal %d: halting the adapter\n", gSignal.load());
+
+    // Stop the sources, then halt: every packet the miniport holds is
+    // completed before the adapter goes.
+    tap.Stop();
+    if (peer) peer->Stop();
+    Summary summary;
+    summary.SetFrames("stack to device", tap.FramesRead(), tap.BytesRead(), sendsDropped.load(), seconds);
+    summary.SetFrames("device to stack", tap.FramesWritten(), tap.BytesWritten(), tap.WritesDropped(), seconds);
+    if (peer) {
+        summary.SetFrames("peer to device", peer->FramesRead(), peer->BytesRead(), 0, seconds);
+        summary.SetFrames("device to peer", peer->FramesWritten(), peer->BytesWritten(), peer->WritesDropped(), seconds);
+    }
+    summary.SetDevice(host.Device());
+    summary.SetOids(host);
+    host.Device().Connect(nullptr);
+    host.Shutdown();
+    summary.SetShutdown(host);
+    if (!o.json.empty()) summary.WriteJson(o.json);
+    if (o.json != "-") printf("%s", summary.Text().c_str());
+    return summary.Passed() ? 0 : 1;
+}
+
+struct ForwardOptions {
+    std::string tap;
+    std::string peerTap;
+    double seconds = 0;
+};
+
+int RunForward(const ForwardOptions& o)
+{
+    TapPort a(o.tap), b(o.peerTap);
+    for (TapPort* p : {&a, &b}) {
+        p->SetMtu(1500);
+        p->SetUp();
+        p->SetCarrier(true);
+    }
+    a.Start([&](const uint8_t* frame, size_t length) { b.Write(frame, length); });
+    b.Start([&](const uint8_t* frame, size_t length) { a.Write(frame, length); });
+    printf("forward up: %s <-> %s\n", o.tap.c_str(), o.peerTap.c_str());
+    fflush(stdout);
+    WaitForEnd(o.seconds);
+    a.Stop();
+    b.Stop();
+    printf("%s -> %s: %llu frames (%llu dropped); %s -> %s: %llu frames (%llu dropped)\n", o.tap.c_str(),
+           o.peerTap.c_str(), (unsigned long long)b.FramesWritten(), (unsigned long long)b.WritesDropped(),
+           o.peerTap.c_str(), o.tap.c_str(), (unsigned long long)a.FramesWritten(),
+           (unsigned long long)a.WritesDropped());
+    return 0;
+}
+
+}  // namespace
+
+void AddBridgeCommands(CLI::App& app, CommonOptions& common, std::function<int()>* run)
+{
+    static BridgeOptions bridge;
+    (void)common;
+    CLI::App* cmd = app.add_subcommand("bridge", "make the adapter a TAP interface of the Linux network stack");
+    cmd->add_option("--tap", bridge.tap, "TAP interface for the adapter (created if needed)")->required();
+    cmd->add_option("--peer-tap", bridge.peerTap, "TAP interface for the device's network side");
+    cmd->add_option("--responder", bridge.responder, "IPv4 address of a built-in host on the device's network side "
+                                                     "that answers ARP and ping");
+    cmd->add_option("--seconds", bridge.seconds, "stop after this long (default: at SIGINT or SIGTERM)");
+    cmd->add_option("--json", bridge.json, "write the summary as JSON to FILE (\"-\": standard output)");
+    cmd->add_option("--profile", bridge.common.profile, "device profile: a name from profiles/ or a JSON file");
+    cmd->add_option("--param", bridge.common.params, "adapter registry parameter Name=Value (repeatable)");
+    cmd->add_option("--trace-mask", bridge.common.traceMask, "driver trace mask");
+    cmd->add_option("--trace-dump", bridge.common.traceDump, "write the driver's trace ring to FILE at exit");
+    cmd->add_option("--usb-capture", bridge.common.usbCapture, "write every URB as a usbmon pcap");
+    cmd->add_option("--pcap", bridge.common.pcap, "write the frames at the adapter's upper edge as an Ethernet pcap");
+    cmd->callback([run] { *run = [] { return RunBridge(bridge); }; });
+
+    static ForwardOptions forward;
+    CLI::App* fwd = app.add_subcommand("forward", "join two TAP interfaces directly with the bridge's TAP code "
+                                                  "(no driver): the baseline for measurements");
+    fwd->add_option("--tap", forward.tap, "first TAP interface")->required();
+    fwd->add_option("--peer-tap", forward.peerTap, "second TAP interface")->required();
+    fwd->add_option("--seconds", forward.seconds, "stop after this long (default: at SIGINT or SIGTERM)");
+    fwd->callback([run] { *run = [] { return RunForward(forward); }; });
+}
+
 }  // namespace ethbrg
