@@ -116,12 +116,18 @@ int RunBridge(const BridgeOptions& o)
         host.Device().Connect(responder.get());
         responder->Connect(&host.Device());
     }
-    // The stack's side: every frame read from the TAP is sent, unless the
-    // miniport already holds as many as a protocol would give it.
+    // The stack's side: every frame read from the TAP is sent. While the
+    // miniport holds as many packets as a protocol would give it, the reader
+    // waits (the TAP's own queue then holds the stack back, as a full
+    // transmit ring would); after 100 ms without room the frame is dropped.
     tap.Start([&](const uint8_t* frame, size_t length) {
-        if (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
-            sendsDropped++;
-            return;
+        auto start = std::chrono::steady_clock::now();
+        while (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
+            if (std::chrono::steady_clock::now() - start > std::chrono::milliseconds(100)) {
+                sendsDropped++;
+                return;
+            }
+            std::this_thread::yield();
         }
         host.Send(frame, length);
     });
