@@ -7,6 +7,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev nlohmann-json3-dev libcli11-dev
   mingw-w64-common tshark python3
+  g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
 )
 missing=()
 for p in "${packages[@]}"; do
