@@ -3,8 +3,9 @@
 # machine x86-64 (PE32+), subsystem native, kernel-image section alignment,
 # base relocations, entry point DriverEntry, imports only from ntoskrnl.exe,
 # hal.dll, ndis.sys and usbd.sys, no TLS directory, no runtime initialisation
-# section, version resource 1.50.0 with the original file name. Prints the
-# imports, the image size and the import count.
+# section (nor, since the linker folds constructor lists into .text, any
+# constructor list input in the link map), version resource 1.50.0 with the
+# original file name. Prints the imports, the image size and the import count.
 #   scripts/check-image.sh [image.sys [image.map]]
 # Default: build/windows/kernel/ethbrg_x64.sys and the map the link wrote
 # beside it (the image has no symbol table).
@@ -86,6 +87,14 @@ if [ -n "$bad_sections" ]; then
   fail "runtime initialisation sections: $(tr '\n' ' ' <<<"$bad_sections")"
 else
   ok "no runtime initialisation section ($(tr '\n' ' ' <<<"$sections"))"
+fi
+# The linker folds constructor lists into .text: the map shows what went in.
+bad_inputs="$(grep -E '^ \.(ctors?|dtors?|init_array|fini_array|preinit_array|CRT\$|tls)' "$map" 2>/dev/null |
+  awk '{ print $1 " from " $NF }' || true)"
+if [ -n "$bad_inputs" ]; then
+  fail "global constructors, destructors or TLS: $(tr '\n' ' ' <<<"$bad_inputs")"
+else
+  ok "no global constructor, destructor or TLS data in the link map"
 fi
 
 # Version resource: VS_FIXEDFILEINFO (signature 0xFEEF04BD) and the strings.
