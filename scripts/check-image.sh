@@ -4,8 +4,8 @@
 # base relocations, entry point DriverEntry, imports only from ntoskrnl.exe,
 # hal.dll, ndis.sys and usbd.sys, no TLS directory, no runtime initialisation
 # section (nor, since the linker folds constructor lists into .text, any
-# constructor list input in the link map), version resource 1.50.0 with the
-# original file name. Prints the imports, the image size and the import count.
+# constructor list input in the link map), no exception or RTTI support in
+# the link map, version resource 1.50.0 with the original file name. Prints the imports, the image size and the import count.
 #   scripts/check-image.sh [image.sys [image.map]]
 # Default: build/windows/kernel/ethbrg_x64.sys and the map the link wrote
 # beside it (the image has no symbol table).
@@ -95,6 +95,16 @@ if [ -n "$bad_inputs" ]; then
   fail "global constructors, destructors or TLS: $(tr '\n' ' ' <<<"$bad_inputs")"
 else
   ok "no global constructor, destructor or TLS data in the link map"
+fi
+# No C++ exceptions or RTTI linked in: no type information, personality
+# routine, unwinder or throw.
+linked="$(sed -n '/^Linker script and memory map/,$p' "$map" 2>/dev/null || true)"
+cxx_runtime="$(grep -oE '_ZT[IS][A-Za-z0-9_]+|__gxx_personality[a-z0-9_]*|_Unwind_[A-Za-z]+|__cxa_(throw|begin_catch|rethrow)' \
+  <<<"$linked" | sort -u || true)"
+if [ -n "$cxx_runtime" ]; then
+  fail "exception or RTTI support linked in: $(tr '\n' ' ' <<<"$cxx_runtime")"
+else
+  ok "no exception or RTTI support linked in"
 fi
 
 # Version resource: VS_FIXEDFILEINFO (signature 0xFEEF04BD) and the strings.
