@@ -2,7 +2,8 @@
 # Reads the kernel image and fails unless it is a native x64 driver image:
 # machine x86-64 (PE32+), subsystem native, kernel-image section alignment,
 # base relocations, entry point DriverEntry, imports only from ntoskrnl.exe,
-# hal.dll, ndis.sys and usbd.sys, no TLS directory, no runtime initialisation
+# hal.dll, ndis.sys and usbd.sys (and no other library in the link), no TLS
+# directory, no runtime initialisation
 # section (nor, since the linker folds constructor lists into .text, any
 # constructor list input in the link map), no exception or RTTI support in
 # the link map, version resource 1.50.0 with the original file name. Prints the imports, the image size and the import count.
@@ -77,6 +78,14 @@ for dll in $(awk '{ print $1 }' <<<"$imports" | sort -u); do
   esac
 done
 [ "$import_count" -gt 0 ] || fail "no imports found"
+# Libraries from outside the build: the four import libraries only.
+foreign="$(awk '$1 == "LOAD" && $2 ~ /^\// { print $2 }' "$map" 2>/dev/null |
+  grep -vE '/lib(ntoskrnl|hal|ndis|usbd)\.a$' || true)"
+if [ -n "$foreign" ]; then
+  fail "linked with $(tr '\n' ' ' <<<"$foreign")"
+else
+  ok "linked with the import libraries of $allowed only"
+fi
 
 # Nothing that needs a runtime or a loader callback.
 tls_size="$(awk '/Thread Storage Directory/ { print $3; exit }' <<<"$headers")"
