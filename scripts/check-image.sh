@@ -3,10 +3,10 @@
 # machine x86-64 (PE32+), subsystem native, kernel-image section alignment,
 # base relocations, entry point DriverEntry, imports only from ntoskrnl.exe,
 # hal.dll, ndis.sys and usbd.sys (and no other library in the link), no TLS
-# directory, no runtime initialisation
-# section (nor, since the linker folds constructor lists into .text, any
-# constructor list input in the link map), no exception or RTTI support in
-# the link map, version resource 1.50.0 with the original file name. Prints the imports, the image size and the import count.
+# directory, no runtime initialisation section (nor, since the linker folds
+# constructor lists into .text, any constructor list in the link map), no
+# exception or RTTI support, version resource 1.50.0 with the original file
+# name. Prints the imports, the image size and the import count.
 #   scripts/check-image.sh [image.sys [image.map]]
 # Default: build/windows/kernel/ethbrg_x64.sys and the map the link wrote
 # beside it (the image has no symbol table).
