@@ -7,7 +7,6 @@
 #include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "knpooltags.h"
 #include "mpadapter.h"
@@ -38,14 +37,14 @@ Inf ReadInf()
     std::ifstream file(ETHBRG_INF);
     EXPECT_TRUE(file.good()) << ETHBRG_INF;
     // HKR, <subkey>, <value name>, <flags>, <data>   ; comment
-    const std::regex line(R"(^\s*HKR\s*,\s*([^,]*?)\s*,\s*([^,]*?)\s*,\s*([^,]*?)\s*,\s*("[^"]*"|[^;\s]*))");
+    const std::regex line(R"(^\s*HKR\s*,\s*([^,]*?)\s*,\s*([^,]*?)\s*,\s*[^,]*?\s*,\s*("[^"]*"|[^;\s]*))");
     const std::regex param(R"(^Ndi\\params\\([^\\]+)(\\enum)?$)");
     Inf inf;
     std::string text;
     std::smatch m, p;
     while (std::getline(file, text)) {
         if (!std::regex_search(text, m, line)) continue;
-        std::string key = m[1], name = m[2], data = m[4];
+        std::string key = m[1], name = m[2], data = m[3];
         if (data.size() >= 2 && data.front() == '"') data = data.substr(1, data.size() - 2);
         if (name.size() >= 2 && name.front() == '"') name = name.substr(1, name.size() - 2);
         if (key.empty() && name == "TraceMask") inf.traceMask = data;
