@@ -8,6 +8,7 @@ packages=(
   libpcap-dev nlohmann-json3-dev libcli11-dev liburing-dev pkg-config
   iproute2 iperf3
   mingw-w64-common tshark python3
+  g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -418,8 +418,10 @@ void NdisMCancelTimer(PNDIS_MINIPORT_TIMER Timer, PBOOLEAN TimerCancelled);
 void NdisMIndicateStatus(NDIS_HANDLE MiniportAdapterHandle, NDIS_STATUS GeneralStatus, PVOID StatusBuffer,
                          UINT StatusBufferSize);
 void NdisMIndicateStatusComplete(NDIS_HANDLE MiniportAdapterHandle);
+// HeaderBuffer is a PCHAR as in the DDK, whose NdisMEthIndicateReceive is a
+// macro that hands it to the Ethernet filter's receive handler unconverted.
 void NdisMEthIndicateReceive(NDIS_HANDLE MiniportAdapterHandle, NDIS_HANDLE MiniportReceiveContext,
-                             PVOID HeaderBuffer, UINT HeaderBufferSize, PVOID LookaheadBuffer,
+                             PCHAR HeaderBuffer, UINT HeaderBufferSize, PVOID LookaheadBuffer,
                              UINT LookaheadBufferSize, UINT PacketSize);
 void NdisMEthIndicateReceiveComplete(NDIS_HANDLE MiniportAdapterHandle);
 void NdisMSendComplete(NDIS_HANDLE MiniportAdapterHandle, PNDIS_PACKET Packet, NDIS_STATUS Status);

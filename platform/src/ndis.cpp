@@ -399,7 +399,7 @@ void NdisMIndicateStatusComplete(NDIS_HANDLE MiniportAdapterHandle) {
 }
 
 void NdisMEthIndicateReceive(NDIS_HANDLE MiniportAdapterHandle, NDIS_HANDLE MiniportReceiveContext,
-                             PVOID HeaderBuffer, UINT HeaderBufferSize, PVOID LookaheadBuffer,
+                             PCHAR HeaderBuffer, UINT HeaderBufferSize, PVOID LookaheadBuffer,
                              UINT LookaheadBufferSize, UINT PacketSize) {
     CheckNoLockHeld(MiniportAdapterHandle, "NdisMEthIndicateReceive");
     if (NdisAdapter::Impl* adapter = AdapterOf(MiniportAdapterHandle, "NdisMEthIndicateReceive"))

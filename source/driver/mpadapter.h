@@ -99,6 +99,7 @@ public:
     // Contract: any IRQL.
     PDEVICE_OBJECT GetFunctionalDeviceObject() const { return mFunctionalDeviceObject; }
     const UCHAR* GetCurrentAddress() const { return mConfig.CurrentAddress; }
+    const AdapterConfig& GetConfig() const { return mConfig; }
     static ULONG_PTR ListEntryOffset() { return QB_DLLIST_ENTRY_OFFSET(MpAdapter, mListEntry); }
 
     // Contract: IRQL <= DISPATCH_LEVEL. Copies count bytes of the packet from

@@ -282,7 +282,8 @@ void MpAdapter::ULReceiveIndication(UsbBuf* datagram)
         KnHexDump(frame, length < MPDATAPATH_RX_DUMP_BYTES ? length : MPDATAPATH_RX_DUMP_BYTES);
     }
     mLock.Unlock();
-    NdisMEthIndicateReceive(mAdapterHandle, data, frame, MPADAPTER_ETH_HEADER_SIZE, data, dataLength, dataLength);
+    NdisMEthIndicateReceive(mAdapterHandle, data, (PCHAR)frame, MPADAPTER_ETH_HEADER_SIZE, data, dataLength,
+                            dataLength);
     NdisMEthIndicateReceiveComplete(mAdapterHandle);
     mLock.Lock();
     mRxFramesOk++;

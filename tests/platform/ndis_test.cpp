@@ -277,7 +277,7 @@ TEST_F(Ndis, AdapterArrivesChecksForHangsAndLeavesBySurprise) {
     EXPECT_FALSE(adapter->ResetPending());
     // Receives: recorded, or given to the callback that may transfer data.
     const uint8_t frame[20] = {1, 2, 3};
-    NdisMEthIndicateReceive(gFake.handle, &gFake, (PVOID)frame, 14, (PVOID)(frame + 14), 6, 20);
+    NdisMEthIndicateReceive(gFake.handle, &gFake, (PCHAR)frame, 14, (PVOID)(frame + 14), 6, 20);
     NdisMEthIndicateReceiveComplete(gFake.handle);
     auto frames = adapter->TakeReceivedFrames();
     ASSERT_EQ(1u, frames.size());
@@ -287,7 +287,7 @@ TEST_F(Ndis, AdapterArrivesChecksForHangsAndLeavesBySurprise) {
     adapter->OnReceive([&](NDIS_HANDLE context, const uint8_t*, UINT, const uint8_t*, UINT, UINT) {
         adapter->TransferData(context, 2, 4, nullptr, &transferred);
     });
-    NdisMEthIndicateReceive(gFake.handle, &gFake, (PVOID)frame, 14, (PVOID)(frame + 14), 6, 20);
+    NdisMEthIndicateReceive(gFake.handle, &gFake, (PCHAR)frame, 14, (PVOID)(frame + 14), 6, 20);
     EXPECT_EQ(4u, transferred);
     EXPECT_EQ(2u, adapter->ReceiveIndications());
     EXPECT_EQ(NDIS_STATUS_FAILURE, adapter->TransferData(&gFake, 0, 1, nullptr, &transferred));
