@@ -139,7 +139,7 @@ NDIS_STATUS MpAdapter::ReadConfiguration(NDIS_HANDLE wrapperConfigurationContext
         ANSI_STRING ansi;
         ansi.Buffer = gMpVendorDescription;
         ansi.Length = 0;
-        ansi.MaximumLength = sizeof(gMpVendorDescription) - 1;
+        ansi.MaximumLength = sizeof(gMpVendorDescription);
         RtlUnicodeStringToAnsiString(&ansi, &wide, FALSE);
         gMpVendorDescription[ansi.Length < sizeof(gMpVendorDescription) ? ansi.Length
                                                                        : sizeof(gMpVendorDescription) - 1] = 0;
