@@ -231,7 +231,7 @@ void UsbBus::Impl::OnCancel(PIRP irp) {
     auto* t = (Transfer*)irp->Tail.Overlay.DriverContext[0];
     if (!t || t->irp != irp || !t->armed) return;
     t->armed = false;  // the IRP is ours again, to complete now or after the device call
-    if (t->inDevice || t->list == &mHeld) {
+    if (!t->finished && (t->inDevice || t->list == &mHeld)) {
         t->cancelRequested = true;  // the run loop completes it after the device call / the hold
         return;
     }

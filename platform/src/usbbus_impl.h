@@ -88,7 +88,7 @@ struct Transfer {
 
     // State.
     bool accepted = false;         // counted among the bus's pending requests
-    bool armed = false;            // the IRP carries the bus's cancel routine
+    bool armed = false;            // the cancel routine is set, or called and not yet in OnCancel
     bool refused = false;          // failed its checks at submission
     bool inDevice = false;         // the run loop is in a device call for it
     bool cancelRequested = false;  // the cancel routine ran during that call (or while held)
