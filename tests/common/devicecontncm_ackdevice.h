@@ -132,10 +132,14 @@ public:
         }
         return kplat::UsbHandshake::Ack;
     }
-    // A whole run at once, packet for packet as OutPacket would take it.
+    // A whole run at once, packet for packet as OutPacket would take it
+    // (packet by packet when the bus cuts other packets than it counts).
     void OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run) override
     {
-        (void)ep;
+        if (maxPacket != mMaxPacket) {
+            UsbDevice::OutPackets(ep, data, length, maxPacket, run);
+            return;
+        }
         std::lock_guard<std::mutex> lock(mMutex);
         if (mHoldOut) {
             run->handshake = kplat::UsbHandshake::Nak;
