@@ -13,7 +13,7 @@
 //
 // Forms: 16 = NTB16, 32 = NTB32. Counters: frames_per_s, gbit_per_s (frame
 // bytes), allocs_per_frame (pool allocations of the stand-in during the
-// timed loop, per frame).
+// timed loop, per frame), heap_allocs_per_frame (operator new calls).
 #include <benchmark/benchmark.h>
 
 #include <kplat/platform.h>
@@ -22,6 +22,7 @@
 #include <cstring>
 #include <vector>
 
+#include "bench_heap.h"
 #include "devicecontncm.h"
 #include "devicecontncm_ackdevice.h"
 #include "devicecontncm_harness.h"
@@ -51,13 +52,15 @@ private:
     bool mOwned;
 };
 
-void SetCounters(benchmark::State& state, uint64_t frames, uint64_t frameBytes, uint64_t allocations)
+void SetCounters(benchmark::State& state, uint64_t frames, uint64_t frameBytes, uint64_t allocations,
+                 uint64_t heapAllocations)
 {
     state.SetItemsProcessed((int64_t)frames);
     state.SetBytesProcessed((int64_t)frameBytes);
     state.counters["frames_per_s"] = benchmark::Counter((double)frames, benchmark::Counter::kIsRate);
     state.counters["gbit_per_s"] = benchmark::Counter((double)frameBytes * 8 / 1e9, benchmark::Counter::kIsRate);
     state.counters["allocs_per_frame"] = frames == 0 ? 0.0 : (double)allocations / (double)frames;
+    state.counters["heap_allocs_per_frame"] = frames == 0 ? 0.0 : (double)heapAllocations / (double)frames;
 }
 
 // ---------------------------------------------------------------------------
@@ -131,6 +134,7 @@ void BM_TxBuild(benchmark::State& state)
     const uint64_t batch = 20000;
     uint64_t frames = 0;
     const uint64_t allocationsBefore = kplat::PoolAllocationCount();
+    const uint64_t heapBefore = HeapAllocations();
     for (auto _ : state) {
         supply.Supply(batch);
         cont->ProcessTxPackets();
@@ -138,7 +142,7 @@ void BM_TxBuild(benchmark::State& state)
         frames += batch - supply.Remaining();
     }
     const uint64_t allocations = kplat::PoolAllocationCount() - allocationsBefore;
-    SetCounters(state, frames, frames * frameLength, allocations);
+    SetCounters(state, frames, frames * frameLength, allocations, HeapAllocations() - heapBefore);
     state.counters["ntbs"] = (double)device->transfers;
 
     cont->Stop();
@@ -221,6 +225,7 @@ void BM_RxParse(benchmark::State& state)
     for (ULONG i = 0; i < kBuffers; i++) buffers[i]->ReturnToPool();
 
     const uint64_t allocationsBefore = kplat::PoolAllocationCount();
+    const uint64_t heapBefore = HeapAllocations();
     const ULONGLONG before = h.datagramCount;
     for (auto _ : state) {
         h.FeedBuffer(h.Pool().GetBuffer(), (ULONG)ntb.size());
@@ -230,7 +235,7 @@ void BM_RxParse(benchmark::State& state)
     if (frames != (uint64_t)state.iterations() * perNtb) {
         state.SkipWithError("datagrams lost");
     }
-    SetCounters(state, frames, frames * frameLength, allocations);
+    SetCounters(state, frames, frames * frameLength, allocations, HeapAllocations() - heapBefore);
     state.counters["datagrams_per_ntb"] = perNtb;
 }
 
@@ -252,7 +257,7 @@ void BM_Memcpy(benchmark::State& state)
         at = (at + frameLength + 3) & ~(size_t)3;
         frames++;
     }
-    SetCounters(state, frames, frames * frameLength, 0);
+    SetCounters(state, frames, frames * frameLength, 0, 0);
 }
 
 void NtbArgs(benchmark::internal::Benchmark* b)

@@ -961,59 +961,94 @@ UsbHandshake NcmDevice::OutPacket(uint8_t ep, const uint8_t* data, uint32_t leng
     BusCall call;
     Outbox out;
     std::vector<Bytes> deliver;
-    UsbHandshake result = UsbHandshake::Ack;
+    UsbHandshake result;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
         out.request = mServiceRequest;
-        if (mUnplugged || mConfiguration == 0 || ep != (mProfile.bulkOutEndpoint & 0x0F)) {
-            return UsbHandshake::Stall;
-        }
-        if (mDataAlternate != 1) {
-            // The bulk endpoints exist only at alternate setting 1.
-            RecordLocked(Violation::InactiveInterface,
-                         "OUT packet of " + std::to_string(length) + " bytes at alternate setting 0");
-            return UsbHandshake::Stall;
-        }
-        if (mBulkOutHalted) {
-            return UsbHandshake::Stall;
-        }
-        if (ApplyFaultLocked(out, Endpoint::BulkOut, &result)) {
-            // fall through to the flush below with the refusal
-        } else {
-            const uint32_t packet = mProfile.BulkMaxPacket();
-            mOutBuffer.insert(mOutBuffer.end(), data, data + length);
-            if (length == 0 && mOutBuffer.empty()) {
-                // A zero-length transfer. USB ends a transfer with a short
-                // packet; NCM 1.0 adds that a transfer of exactly
-                // dwNtbOutMaxSize bytes ends without a ZLP. So a ZLP that
-                // follows a short packet, or such a full-size transfer,
-                // ends no transfer.
-                ++mOutTransferNumber;
-                ++mTraffic.outTransfers;
-                RecordLocked(Violation::UnexpectedZlp,
-                             mLastOutEndedAtMax ? "ZLP after a transfer of dwNtbOutMaxSize bytes"
-                                                : "ZLP after a transfer that ended with a short packet");
-                mLastOutEndedAtMax = false;
-            } else if (length < packet) {
-                mLastOutEndedAtMax = false;
-                OutTransferLocked(&deliver);
-            } else if (mOutBuffer.size() == mProfile.ntb.dwNtbOutMaxSize) {
-                mLastOutEndedAtMax = true;
-                OutTransferLocked(&deliver);
-            } else if (mOutBuffer.size() >= kOutTransferCap) {
-                // A host that never ends its transfer: check what came so far
-                // rather than buffer without bound.
-                mLastOutEndedAtMax = false;
-                OutTransferLocked(&deliver);
-            }
-        }
+        result = OutPacketLocked(out, ep, data, length, &deliver);
     }
     for (const Bytes& f : deliver) {
         Emit(f.data(), f.size());
     }
     Flush(out);
     return result;
+}
+
+void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run)
+{
+    BusCall call;
+    Outbox out;
+    std::vector<Bytes> deliver;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        out.port = mPort;
+        out.request = mServiceRequest;
+        uint32_t offset = 0;
+        do {
+            const uint32_t n = std::min(maxPacket, length - offset);
+            run->handshake = OutPacketLocked(out, ep, data == nullptr ? nullptr : data + offset, n, &deliver);
+            if (run->handshake != UsbHandshake::Ack) {
+                break;
+            }
+            ++run->packets;
+            run->bytes += n;
+            offset += n;
+        } while (offset < length);
+    }
+    for (const Bytes& f : deliver) {
+        Emit(f.data(), f.size());
+    }
+    Flush(out);
+}
+
+// One OUT packet, under mMutex: what OutPacket and OutPackets do per packet.
+UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* data, uint32_t length,
+                                        std::vector<Bytes>* deliver)
+{
+    if (mUnplugged || mConfiguration == 0 || ep != (mProfile.bulkOutEndpoint & 0x0F)) {
+        return UsbHandshake::Stall;
+    }
+    if (mDataAlternate != 1) {
+        // The bulk endpoints exist only at alternate setting 1.
+        RecordLocked(Violation::InactiveInterface,
+                     "OUT packet of " + std::to_string(length) + " bytes at alternate setting 0");
+        return UsbHandshake::Stall;
+    }
+    if (mBulkOutHalted) {
+        return UsbHandshake::Stall;
+    }
+    UsbHandshake refused = UsbHandshake::Ack;
+    if (ApplyFaultLocked(out, Endpoint::BulkOut, &refused)) {
+        return refused;
+    }
+    const uint32_t packet = mProfile.BulkMaxPacket();
+    mOutBuffer.insert(mOutBuffer.end(), data, data + length);
+    if (length == 0 && mOutBuffer.empty()) {
+        // A zero-length transfer. USB ends a transfer with a short
+        // packet; NCM 1.0 adds that a transfer of exactly
+        // dwNtbOutMaxSize bytes ends without a ZLP. So a ZLP that
+        // follows a short packet, or such a full-size transfer,
+        // ends no transfer.
+        ++mOutTransferNumber;
+        ++mTraffic.outTransfers;
+        RecordLocked(Violation::UnexpectedZlp,
+                     mLastOutEndedAtMax ? "ZLP after a transfer of dwNtbOutMaxSize bytes"
+                                        : "ZLP after a transfer that ended with a short packet");
+        mLastOutEndedAtMax = false;
+    } else if (length < packet) {
+        mLastOutEndedAtMax = false;
+        OutTransferLocked(deliver);
+    } else if (mOutBuffer.size() == mProfile.ntb.dwNtbOutMaxSize) {
+        mLastOutEndedAtMax = true;
+        OutTransferLocked(deliver);
+    } else if (mOutBuffer.size() >= kOutTransferCap) {
+        // A host that never ends its transfer: check what came so far
+        // rather than buffer without bound.
+        mLastOutEndedAtMax = false;
+        OutTransferLocked(deliver);
+    }
+    return UsbHandshake::Ack;
 }
 
 void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
@@ -1287,25 +1322,57 @@ UsbHandshake NcmDevice::InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength
 {
     BusCall call;
     Outbox out;
-    UsbHandshake result = UsbHandshake::Ack;
-    *length = 0;
+    UsbHandshake result;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
         out.request = mServiceRequest;
-        if (mUnplugged || mConfiguration == 0) {
-            return UsbHandshake::Stall;
-        }
-        if (ep == (mProfile.notifyEndpoint & 0x0F)) {
-            result = NotifyInLocked(out, buffer, maxLength, length);
-        } else if (ep == (mProfile.bulkInEndpoint & 0x0F)) {
-            result = BulkInLocked(out, buffer, maxLength, length);
-        } else {
-            return UsbHandshake::Stall;
-        }
+        result = InPacketLocked(out, ep, buffer, maxLength, length);
     }
     Flush(out);
     return result;
+}
+
+void NcmDevice::InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run)
+{
+    BusCall call;
+    Outbox out;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        out.port = mPort;
+        out.request = mServiceRequest;
+        while (run->bytes < length) {
+            uint32_t got = 0;
+            run->handshake = InPacketLocked(out, ep, buffer + run->bytes, maxPacket, &got);
+            if (run->handshake != UsbHandshake::Ack) {
+                break;
+            }
+            ++run->packets;
+            run->bytes += std::min(got, maxPacket);
+            if (got != maxPacket) {
+                run->shortPacket = got < maxPacket;
+                run->babble = got > maxPacket;
+                break;
+            }
+        }
+    }
+    Flush(out);
+}
+
+// One IN packet, under mMutex: what InPacket and InPackets do per packet.
+UsbHandshake NcmDevice::InPacketLocked(Outbox& out, uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length)
+{
+    *length = 0;
+    if (mUnplugged || mConfiguration == 0) {
+        return UsbHandshake::Stall;
+    }
+    if (ep == (mProfile.notifyEndpoint & 0x0F)) {
+        return NotifyInLocked(out, buffer, maxLength, length);
+    }
+    if (ep == (mProfile.bulkInEndpoint & 0x0F)) {
+        return BulkInLocked(out, buffer, maxLength, length);
+    }
+    return UsbHandshake::Stall;
 }
 
 void NcmDevice::EndpointAborted(uint8_t endpointAddress)

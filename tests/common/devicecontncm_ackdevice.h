@@ -132,6 +132,36 @@ public:
         }
         return kplat::UsbHandshake::Ack;
     }
+    // A whole run at once, packet for packet as OutPacket would take it
+    // (packet by packet when the bus cuts other packets than it counts).
+    void OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run) override
+    {
+        if (maxPacket != mMaxPacket) {
+            UsbDevice::OutPackets(ep, data, length, maxPacket, run);
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mHoldOut) {
+            run->handshake = kplat::UsbHandshake::Nak;
+            return;
+        }
+        const uint32_t count = length == 0 ? 1 : (length + maxPacket - 1) / maxPacket;
+        packets += count;
+        bytes += length;
+        run->packets = count;
+        run->bytes = length;
+        if (mRecord && length != 0) {
+            mCurrent.insert(mCurrent.end(), data, data + length);
+        }
+        const uint32_t last = length - (count - 1) * maxPacket;
+        if (last < mMaxPacket) {
+            transfers++;
+            if (mRecord) {
+                mTransfers.push_back(Transfer{mCurrent, last == 0});
+                mCurrent.clear();
+            }
+        }
+    }
     kplat::UsbHandshake InPacket(uint8_t, uint8_t*, uint32_t, uint32_t* length) override
     {
         *length = 0;

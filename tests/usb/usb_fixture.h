@@ -140,6 +140,38 @@ public:
         return kplat::UsbHandshake::Ack;
     }
 
+    // With `runs` set the device takes runs of packets in one call, each
+    // packet answered as above.
+    void OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket,
+                    kplat::UsbRun* run) override {
+        if (!runs) return UsbDevice::OutPackets(ep, data, length, maxPacket, run);
+        runCalls++;
+        uint32_t offset = 0;
+        do {
+            uint32_t n = std::min(maxPacket, length - offset);
+            run->handshake = OutPacket(ep, data ? data + offset : nullptr, n);
+            if (run->handshake != kplat::UsbHandshake::Ack) return;
+            run->packets++;
+            run->bytes += n;
+            offset += n;
+        } while (offset < length);
+    }
+    void InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run) override {
+        if (!runs) return UsbDevice::InPackets(ep, buffer, length, maxPacket, run);
+        runCalls++;
+        while (run->bytes < length) {
+            uint32_t got = 0;
+            run->handshake = InPacket(ep, buffer + run->bytes, maxPacket, &got);
+            if (run->handshake != kplat::UsbHandshake::Ack) return;
+            run->packets++;
+            run->bytes += got;
+            if (got < maxPacket) {
+                run->shortPacket = true;
+                return;
+            }
+        }
+    }
+
     void EndpointAborted(uint8_t endpointAddress) override {
         std::lock_guard<std::mutex> lk(mLock);
         aborted.push_back(endpointAddress);
@@ -179,6 +211,7 @@ public:
     kplat::UsbDevicePort* port = nullptr;
     int attached = 0, detached = 0;
     int calls = 0, inCalls = 0;
+    int runCalls = 0;  // calls that took a run
     std::vector<kplat::UsbSetupPacket> setups;
     std::vector<Bytes> controlOut;
     std::vector<SentPacket> outPackets;
@@ -191,6 +224,7 @@ public:
     std::map<uint8_t, uint8_t> alternate;
 
     // --- behaviour ---
+    bool runs = false;
     bool deferControl = false;
     std::function<void()> onControl;  // runs inside ControlTransfer, before the answer
     std::function<void()> onIn;       // runs inside InPacket, before the handshake

@@ -379,6 +379,74 @@ TEST_F(UsbBusBulk, PipesTakeTurnsPacketByPacket) {
     EXPECT_EQ(seen, (Bytes{kBulkIn, kBulkOut, kBulkIn, kBulkOut, kBulkIn, kBulkOut, kBulkIn}));
 }
 
+// A device that takes runs of packets gets a whole transfer in one call, and
+// every packet rule still holds: how a transfer ends, Nak and EndpointReady
+// in the middle of a run, a stall after some packets.
+TEST_F(UsbBusBulk, RunsKeepThePacketRules) {
+    dev.runs = true;
+    constexpr size_t kNak = SIZE_MAX;  // the device has nothing more (Nak) until the rest is queued
+    constexpr size_t kStall = SIZE_MAX - 1;
+    struct Case {
+        const char* name;
+        std::vector<size_t> packets;  // queued IN packets; empty: a write of `buffer` bytes
+        ULONG buffer;
+        ULONG flags;
+        USBD_STATUS status;
+        ULONG expect;
+        int runs;  // device calls
+    } cases[] = {
+        {"out: whole packets and a short one", {}, 1300, 0, USBD_STATUS_SUCCESS, 1300, 1},
+        {"out: zero-length packet", {}, 0, 0, USBD_STATUS_SUCCESS, 0, 1},
+        {"in: short packet", {512, 512, 100}, 4096, USBD_SHORT_TRANSFER_OK, USBD_STATUS_SUCCESS, 1124, 1},
+        {"in: zero-length packet", {512, 0}, 2048, USBD_SHORT_TRANSFER_OK, USBD_STATUS_SUCCESS, 512, 1},
+        {"in: full buffer", {512, 512}, 1024, 0, USBD_STATUS_SUCCESS, 1024, 1},
+        {"in: short without short ok", {512, 100}, 2048, 0, USBD_STATUS_ERROR_SHORT_TRANSFER, 612, 1},
+        {"in: the last packet overruns", {512, 512}, 600, USBD_SHORT_TRANSFER_OK, USBD_STATUS_DATA_OVERRUN, 600, 2},
+        {"in: nak, ready, rest", {512, kNak, 512, 7}, 2048, USBD_SHORT_TRANSFER_OK, USBD_STATUS_SUCCESS, 1031, 2},
+        {"in: stall after a packet", {512, kStall}, 2048, USBD_SHORT_TRANSFER_OK, USBD_STATUS_STALL_PID, 512, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bytes out = Pattern(c.buffer), buf(c.buffer), expect;
+        size_t later = c.packets.size();
+        for (size_t i = 0; i < c.packets.size(); i++) {
+            if (c.packets[i] == kNak) later = i + 1;
+            if (c.packets[i] == kStall) dev.onIn = [this] {
+                if (dev.InQueued(kBulkIn) == 0) dev.Stall(kBulkIn, true);
+            };
+            if (c.packets[i] >= kStall || i >= later) continue;
+            dev.QueueIn(kBulkIn, Pattern(c.packets[i], (uint8_t)i));
+        }
+        int runsBefore = dev.runCalls;
+        size_t transfersBefore = dev.outTransfers.size();
+        bool in = !c.packets.empty();
+        Request& r = in ? BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | c.flags, buf.data(), c.buffer)
+                        : BulkRequest(bulkOut, c.flags, out.data(), c.buffer);
+        Send(r);
+        kplat::RunUntilIdle();
+        for (size_t i = later; i < c.packets.size(); i++) dev.QueueIn(kBulkIn, Pattern(c.packets[i], (uint8_t)i));
+        if (later < c.packets.size()) dev.port->EndpointReady(kBulkIn);
+        kplat::RunUntilIdle();
+        ASSERT_TRUE(r.done());
+        EXPECT_EQ(r.urb()->UrbHeader.Status, c.status);
+        EXPECT_EQ(r.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, c.expect);
+        EXPECT_EQ(dev.runCalls - runsBefore, c.runs);
+        if (!in) {
+            ASSERT_EQ(dev.outTransfers.size(), transfersBefore + 1);
+            EXPECT_EQ(dev.outTransfers.back(), out);
+        }
+        dev.onIn = nullptr;
+        if (bus->IsEndpointHalted(kBulkIn)) {
+            dev.Stall(kBulkIn, false);
+            SendAndRun(PipeRequest(URB_FUNCTION_SYNC_RESET_PIPE, bulkIn));
+        }
+        while (dev.InQueued(kBulkIn)) {
+            Request& d = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buf.data(), 512);
+            SendAndRun(d);
+        }
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Nak
 // ---------------------------------------------------------------------------
@@ -479,25 +547,31 @@ class UsbBusPacing : public UsbBusBulk {};
 TEST_F(UsbBusPacing, TransfersTakeTheTimeOfTheLinkRate) {
     bus->SetLinkRate(kplat::UsbBus::LinkRate(kplat::UsbSpeed::High));
     // 512 packets of 512 bytes: (520 bytes x 8) / 480 Mbit/s = 8.67 us each,
-    // 4.44 ms in all; the bus may run 125 us ahead of the clock.
-    Bytes data = Pattern(262144);
-    Request& r = BulkRequest(bulkOut, 0, data.data(), (ULONG)data.size());
-    uint64_t start = kplat::Now();
-    Send(r);
-    kplat::RunUntilIdle();
-    EXPECT_FALSE(r.done());
-    EXPECT_LE(dev.outPackets.size(), 16u);  // one microframe's worth
-    EXPECT_GE(dev.outPackets.size(), 14u);
-    kplat::AdvanceTime(2);
-    EXPECT_GE(dev.outPackets.size(), 244u);  // (2 ms + 125 us) / 8.67 us
-    EXPECT_LE(dev.outPackets.size(), 246u);
-    kplat::AdvanceTime(2);
-    EXPECT_FALSE(r.done());
-    kplat::AdvanceTime(1);
-    ASSERT_TRUE(r.done());
-    EXPECT_EQ(r.status, STATUS_SUCCESS);
-    EXPECT_EQ(dev.outPackets.size(), 512u);
-    EXPECT_EQ(kplat::Now() - start, 50000u);
+    // 4.44 ms in all; the bus may run 125 us ahead of the clock. The same
+    // whether the device takes packets one by one or in runs.
+    for (bool runs : {false, true}) {
+        SCOPED_TRACE(runs ? "runs" : "packets");
+        dev.runs = runs;
+        dev.outPackets.clear();
+        Bytes data = Pattern(262144);
+        Request& r = BulkRequest(bulkOut, 0, data.data(), (ULONG)data.size());
+        uint64_t start = kplat::Now();
+        Send(r);
+        kplat::RunUntilIdle();
+        EXPECT_FALSE(r.done());
+        EXPECT_LE(dev.outPackets.size(), 16u);  // one microframe's worth
+        EXPECT_GE(dev.outPackets.size(), 14u);
+        kplat::AdvanceTime(2);
+        EXPECT_GE(dev.outPackets.size(), 244u);  // (2 ms + 125 us) / 8.67 us
+        EXPECT_LE(dev.outPackets.size(), 246u);
+        kplat::AdvanceTime(2);
+        EXPECT_FALSE(r.done());
+        kplat::AdvanceTime(1);
+        ASSERT_TRUE(r.done());
+        EXPECT_EQ(r.status, STATUS_SUCCESS);
+        EXPECT_EQ(dev.outPackets.size(), 512u);
+        EXPECT_EQ(kplat::Now() - start, 50000u);
+    }
 }
 
 }  // namespace

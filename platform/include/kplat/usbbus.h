@@ -97,8 +97,11 @@
 // always accept a short answer.
 //
 // Bulk and interrupt transfers. Each pipe runs its transfers one after
-// another in submission order; pipes run side by side, one packet each in
-// turn. OUT: the data reaches the device as packets of the maximum packet
+// another in submission order; pipes run side by side, one run of packets
+// each in turn: one packet for a device that answers packet by packet, as
+// many of the transfer's packets as it takes in one call for a device that
+// takes runs (UsbDevice::OutPackets / InPackets). The packets and handshakes
+// are the same either way, and a run never spans two transfers. OUT: the data reaches the device as packets of the maximum packet
 // size, the last one shorter; a transfer of 0 bytes is one zero-length
 // packet; the bus adds no zero-length packet after a transfer that ends on a
 // packet boundary (the driver sends one when it wants the device to see the
@@ -125,9 +128,9 @@
 // USBD_STATUS_CANCELED. Every request of an aborted pipe still comes back.
 //
 // Cancel: every pending IRP carries a cancel routine; IoCancelIrp completes
-// it with STATUS_CANCELLED / USBD_STATUS_CANCELED (a packet the device is
-// handling at that moment is finished first; if it was the last one, the
-// transfer completes normally). The device hears EndpointAborted for the
+// it with STATUS_CANCELLED / USBD_STATUS_CANCELED (a packet or run the
+// device is handling at that moment is finished first; if it ended the
+// transfer, the transfer completes normally). The device hears EndpointAborted for the
 // endpoint (0x00 for a control transfer; the device's late answer to it is
 // ignored).
 //
@@ -145,10 +148,14 @@
 // overrun) -> STATUS_UNSUCCESSFUL. Irp->IoStatus.Information is 0.
 //
 // Pacing (off by default): with a link rate set, every packet occupies the
-// bus for (payload + 8) bytes at that rate; the bus moves packets while it is
-// at most 125 us ahead of the clock and otherwise waits on a KTIMER, so
-// throughput follows the rate on either clock. Control transfers are not
-// paced.
+// bus for (payload + 8) bytes at that rate; the bus starts packets while it
+// is at most 125 us ahead of the clock (a run holds no more than that) and
+// otherwise waits on a KTIMER, so throughput follows the rate on either
+// clock. Control transfers are not paced.
+//
+// Cost: the bus allocates nothing per URB in steady state (its transfers and
+// control records come from pools), and with a device that takes runs a bulk
+// transfer costs a few lock round trips however many packets it has.
 //
 // Other requests to the PDO: IOCTL_INTERNAL_USB_GET_PORT_STATUS answers
 // USBD_PORT_ENABLED | USBD_PORT_CONNECTED while a device is attached; other

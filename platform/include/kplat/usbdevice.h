@@ -4,7 +4,10 @@
 // endpoint 0 (set-up packet and data stage) and data packets of at most the
 // endpoint's maximum packet size on the other endpoints. A device model (the
 // simulated NCM function, or a real device reached through libusb) implements
-// UsbDevice; the bus gives it a UsbDevicePort to call back.
+// UsbDevice; the bus gives it a UsbDevicePort to call back. A device answers
+// packets one at a time (OutPacket, InPacket), or takes a run of them in one
+// call (OutPackets, InPackets) when it overrides those: the packets and their
+// handshakes are the same, only the calls are fewer.
 //
 // Standard requests that a URB implies reach the device as control transfers
 // too: SELECT_CONFIGURATION becomes SET_CONFIGURATION, SELECT_INTERFACE
@@ -49,6 +52,22 @@ enum class UsbHandshake {
 
 class UsbDevicePort;
 
+// What a device did with a run of packets (UsbDevice::OutPackets and
+// InPackets).
+struct UsbRun {
+    // The answer to the last packet the device answered: Ack, or the Nak or
+    // Stall that ended the run (the packets before it were acknowledged).
+    UsbHandshake handshake = UsbHandshake::Ack;
+    uint32_t packets = 0;  // packets acknowledged
+    uint32_t bytes = 0;    // their bytes (IN: written to the buffer)
+    // IN: the last acknowledged packet was shorter than the maximum packet
+    // size (a zero-length packet included): the device's transfer ended.
+    bool shortPacket = false;
+    // IN: the last packet was longer than the maximum packet size; its first
+    // maxPacket bytes are in the buffer (and counted in bytes).
+    bool babble = false;
+};
+
 // A pending control transfer handed to the device. The device answers it
 // exactly once, with UsbDevicePort::CompleteControl, either inside
 // ControlTransfer or later (a device that "never answers" just keeps it).
@@ -81,6 +100,24 @@ public:
     // written *length bytes (at most maxLength, the endpoint's maximum packet
     // size; fewer ends the transfer, 0 is a zero-length packet).
     virtual UsbHandshake InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length) = 0;
+
+    // A run of OUT data packets for endpoint `ep`: `length` bytes cut into
+    // packets of `maxPacket` bytes, the last one shorter when `length` is not
+    // a multiple (0 bytes: one zero-length packet). The device answers them
+    // in order as OutPacket would answer each, and may stop after any one;
+    // the bus offers the rest in a later call. A run never ends with more
+    // than the bus's transfer holds, so the device still sees the end of a
+    // transfer only at a short packet. The default hands over the first
+    // packet only, through OutPacket; a device that can take a whole
+    // transfer in one call overrides it (the bus's fast path).
+    virtual void OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, UsbRun* run);
+
+    // The host asks endpoint `ep | 0x80` for packets of `maxPacket` bytes into
+    // `buffer`, which has room for `length` bytes (a whole number of packets,
+    // at least one). The device answers as InPacket would for each packet and
+    // stops after a short packet or when the room is full; it may stop after
+    // any packet. The default asks InPacket for one packet.
+    virtual void InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t maxPacket, UsbRun* run);
 
     // The host aborted the transfers of an endpoint (ABORT_PIPE or a
     // cancelled IRP). A device that buffers per-transfer state may drop it.

@@ -85,6 +85,9 @@ public:
     void ControlTransfer(kplat::UsbControlTransfer* transfer) override;
     kplat::UsbHandshake OutPacket(uint8_t ep, const uint8_t* data, uint32_t length) override;
     kplat::UsbHandshake InPacket(uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length) override;
+    // Runs of packets, taken under one lock with the same checks as one by one.
+    void OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run) override;
+    void InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t maxPacket, kplat::UsbRun* run) override;
     // Endpoint 0: held and delayed control transfers are forgotten (never
     // completed). Bulk OUT: a partly received transfer is dropped. IN
     // endpoints: a partly sent transfer is dropped.
@@ -253,6 +256,9 @@ private:
     bool SetConfigurationLocked(uint8_t value);
     void Answer(kplat::UsbControlTransfer* t, const Bytes& bytes);
 
+    kplat::UsbHandshake OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* data, uint32_t length,
+                                        std::vector<Bytes>* deliver);
+    kplat::UsbHandshake InPacketLocked(Outbox& out, uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
     void OutTransferLocked(std::vector<Bytes>* deliver);
     void CheckOneNtbLocked(const uint8_t* data, size_t length, std::vector<Bytes>* deliver);
     void RecordLocked(Violation kind, std::string detail);

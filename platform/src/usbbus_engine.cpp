@@ -1,0 +1,341 @@
+// The run loop of the stand-in's USB bus and its bulk and interrupt engine.
+// The loop is the only code that calls the device: each round it handles a
+// removal, gives back the transfers of a slow abort that fell due, tells the
+// device of aborts, runs the pipe operations and the default pipe
+// (usbbus_control.cpp), and then gives every open pipe one turn, in which
+// the head transfer of the pipe moves one run of packets: as many as the
+// device takes in one UsbDevice::OutPackets / InPackets call (one packet for
+// a device that answers packet by packet) and the link rate lets start.
+// The device's handshake decides what follows: Ack moves on, Nak parks the
+// pipe until EndpointReady, Stall halts it. Completed transfers are handed
+// to FlushDone at the end of each round. Also here: the default run of a
+// device, which is one packet.
+#include <algorithm>
+#include <cstring>
+
+#include "usbbus_impl.h"
+
+namespace kplat {
+
+using namespace usbbus;
+
+// ---------------------------------------------------------------------------
+// Packet runs of a device that answers packet by packet
+// ---------------------------------------------------------------------------
+void UsbDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uint32_t maxPacket, UsbRun* run) {
+    uint32_t n = std::min(length, maxPacket);
+    run->handshake = OutPacket(ep, data, n);
+    if (run->handshake == UsbHandshake::Ack) {
+        run->packets = 1;
+        run->bytes = n;
+    }
+}
+
+void UsbDevice::InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t maxPacket, UsbRun* run) {
+    (void)length;  // at least one packet
+    uint32_t got = 0;
+    run->handshake = InPacket(ep, buffer, maxPacket, &got);
+    if (run->handshake == UsbHandshake::Ack) {
+        run->packets = 1;
+        run->babble = got > maxPacket;
+        run->bytes = std::min(got, maxPacket);
+        run->shortPacket = got < maxPacket;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Device port
+// ---------------------------------------------------------------------------
+void UsbBus::Impl::EndpointReady(uint8_t endpointAddress) {
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mReadySeq[endpointAddress]++;
+        if (Pipe* p = OpenPipeByAddress(endpointAddress)) p->nakWait = false;
+        wake = WakeRunnerLocked();
+    }
+    if (wake) KeInsertQueueDpc(&mDpc, NULL, NULL);
+}
+
+void UsbBus::Impl::Disconnect() {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (!mDevice || mDisconnectPending) return;
+        mAttached = false;
+        mDisconnectPending = true;
+    }
+    Schedule();
+}
+
+// ---------------------------------------------------------------------------
+// Run loop
+// ---------------------------------------------------------------------------
+void UsbBus::Impl::DpcRoutine(PKDPC dpc, PVOID context, PVOID, PVOID) {
+    Impl* bus = (Impl*)context;
+    if (dpc == &bus->mTimerDpc) {
+        std::lock_guard<std::mutex> lock(bus->mLock);
+        bus->mTimerArmed = false;
+    }
+    bus->Run();
+}
+
+// Makes sure the loop goes round again: a running loop is told to (no DPC
+// needed, false); otherwise true, and the caller queues the bus's DPC (or
+// runs the loop itself).
+bool UsbBus::Impl::WakeRunnerLocked() {
+    if (!mRunning) return true;
+    mRunAgain = true;
+    return false;
+}
+
+void UsbBus::Impl::Schedule() {
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        wake = WakeRunnerLocked();
+    }
+    if (wake) KeInsertQueueDpc(&mDpc, NULL, NULL);
+}
+
+void UsbBus::Impl::RunAtDispatch() {
+    KIRQL old = KeGetCurrentIrql();
+    bool raise = old < DISPATCH_LEVEL;
+    if (raise) KeRaiseIrql(DISPATCH_LEVEL, &old);
+    Run();
+    if (raise) KeLowerIrql(old);
+}
+
+void UsbBus::Impl::Run() {
+    Lock lk(mLock);
+    if (mRunning) {
+        mRunAgain = true;
+        return;
+    }
+    mRunning = true;
+    mRunner = std::this_thread::get_id();
+    for (;;) {
+        mRunAgain = false;
+        bool progress = Step(lk);
+        FlushDone(lk);
+        if (!progress && !mRunAgain) break;
+    }
+    mRunning = false;
+    mRunner = std::thread::id();
+}
+
+bool UsbBus::Impl::Step(Lock& lk) {
+    if (mDisconnectPending) {
+        HandleDisconnect(lk);
+        return true;
+    }
+    if (!mDevice) return false;
+    bool progress = false;
+    if (!mHeld.Empty() && kplat::Now() >= mHeldUntil) {
+        for (Transfer *t = mHeld.Front(), *next; t; t = next) {
+            next = TransferList::Next(t);
+            CompleteLocked(t, USBD_STATUS_CANCELED);
+        }
+        progress = true;
+    }
+    if (!mAbortNotices.empty()) {
+        NotifyAborted(lk);
+        progress = true;
+    }
+    if (OperationStep(lk)) progress = true;
+    if (mDisconnectPending) return true;
+    if (ControlStep(lk)) progress = true;
+    // One turn per open pipe. Only this loop opens or closes pipes, and not
+    // while it walks them, so the list stands still meanwhile.
+    for (size_t i = 0; i < mOpenList.size(); i++) {
+        if (mDisconnectPending) return true;
+        Pipe* p = mOpenList[i];
+        if (!p->queue.Empty() && PipeStep(lk, p)) progress = true;
+    }
+    return progress;
+}
+
+void UsbBus::Impl::NotifyAborted(Lock& lk) {
+    mNoticesSent.assign(mAbortNotices.begin(), mAbortNotices.end());
+    mAbortNotices.clear();
+    UsbDevice* device = mDevice;
+    lk.unlock();
+    for (uint8_t ep : mNoticesSent) device->EndpointAborted(ep);  // only the runner touches mNoticesSent
+    lk.lock();
+}
+
+void UsbBus::Impl::HandleDisconnect(Lock& lk) {
+    mDisconnectPending = false;
+    mAttached = false;
+    // Every pending transfer is on one of these (or is the active control
+    // transfer); finished ones wait for their cancel routine.
+    auto gone = [this](TransferList& list) {
+        for (Transfer *t = list.Front(), *next; t; t = next) {
+            next = TransferList::Next(t);
+            if (!t->finished) CompleteLocked(t, USBD_STATUS_DEVICE_GONE);
+        }
+    };
+    if (Transfer* t = mControlActive) {
+        if (t->record) {
+            t->record->transfer = nullptr;
+            t->record = nullptr;
+        }
+        if (!t->finished) CompleteLocked(t, USBD_STATUS_DEVICE_GONE);
+    }
+    mControlActive = nullptr;
+    gone(mControlQueue);
+    gone(mOperations);
+    gone(mHeld);
+    for (Pipe* p : mOpenList) gone(p->queue);
+    ClosePipes(true, 0);
+    mConfigurationHandle = 0;
+    mConfigurationValue = 0;
+    mConfiguration.clear();
+    mInterfaceHandles.clear();
+    mAbortNotices.clear();
+    UsbDevice* device = mDevice;
+    FlushDone(lk);
+    if (device) {
+        lk.unlock();
+        device->Detached();
+        lk.lock();
+    }
+    mDevice = nullptr;
+    // The device no longer touches its control transfers.
+    for (auto& rec : mRecords)
+        if (rec->inUse) FreeRecord(rec.get());
+}
+
+// ---------------------------------------------------------------------------
+// Bulk and interrupt transfers
+// ---------------------------------------------------------------------------
+bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p) {
+    Transfer* t = p->queue.Front();
+    while (t && t->finished) t = TransferList::Next(t);
+    if (!t) return false;
+    if (p->halted) {
+        CompleteLocked(t, USBD_STATUS_STALL_PID);
+        return true;
+    }
+    if (p->nakWait) return false;
+    const uint32_t packet = p->PacketSize();
+    const uint32_t budget = PaceBudget(packet);  // packets
+    if (budget == 0) return false;
+
+    const uint8_t ep = p->address & USB_ENDPOINT_ADDRESS_MASK;
+    const uint64_t seq = mReadySeq[p->address];
+    const uint32_t room = t->length - t->done;
+    UsbDevice* device = mDevice;
+    t->inDevice = true;
+    t->started = true;
+    UsbRun run;
+    bool ended = false;
+    USBD_STATUS result = USBD_STATUS_SUCCESS;
+    if (!t->in) {
+        // A run never goes past the transfer: the device sees the same
+        // packets as it would one by one, and no packet merges two transfers.
+        uint32_t n = (uint32_t)std::min<uint64_t>(room, (uint64_t)budget * packet);
+        const uint8_t* data = t->buffer ? t->buffer + t->done : nullptr;
+        lk.unlock();
+        device->OutPackets(ep, data, n, packet, &run);
+        lk.lock();
+        run.bytes = std::min(run.bytes, n);
+        t->done += run.bytes;
+        mStats.packetsOut += run.packets;
+        mStats.bytesOut += run.bytes;
+        ended = run.packets != 0 && t->done == t->length;
+    } else {
+        // Whole packets go straight into the buffer; with less room than a
+        // packet the packet lands in the bounce buffer and what fits is kept.
+        bool bounce = room < packet;
+        uint32_t n = bounce ? packet : std::min(room / packet, budget) * packet;
+        uint8_t* into = bounce ? mBounce.data() : t->buffer + t->done;
+        lk.unlock();
+        device->InPackets(ep, into, n, packet, &run);
+        lk.lock();
+        run.bytes = std::min(run.bytes, n);
+        uint32_t kept = std::min(run.bytes, room);
+        if (bounce && kept) memcpy(t->buffer + t->done, mBounce.data(), kept);
+        t->done += kept;
+        mStats.packetsIn += run.packets;
+        mStats.bytesIn += kept;
+        if (run.babble || run.bytes > room) {
+            ended = true;
+            result = USBD_STATUS_DATA_OVERRUN;
+        } else if (run.shortPacket) {
+            ended = true;
+            if (t->done < t->length && !t->shortOk) result = USBD_STATUS_ERROR_SHORT_TRANSFER;
+        } else {
+            ended = run.packets != 0 && t->done == t->length;
+        }
+    }
+    t->inDevice = false;
+    PaceCharge(run.bytes, run.packets);
+    bool progress = run.packets != 0;
+    switch (run.handshake) {
+    case UsbHandshake::Ack:
+        if (ended) CompleteLocked(t, result);
+        progress = progress || ended;
+        break;
+    case UsbHandshake::Nak:
+        mStats.naks++;
+        if (ended) {
+            CompleteLocked(t, result);
+        } else if (mReadySeq[p->address] == seq) {
+            p->nakWait = true;  // an EndpointReady during the call keeps the pipe going
+        } else {
+            progress = true;
+        }
+        break;
+    case UsbHandshake::Stall:
+        mStats.stalls++;
+        p->halted = true;
+        CompleteLocked(t, USBD_STATUS_STALL_PID);
+        progress = true;
+        break;
+    }
+    if (!t->finished && t->cancelRequested) {
+        mAbortNotices.push_back(p->address);
+        CompleteLocked(t, USBD_STATUS_CANCELED);
+        progress = true;
+    }
+    return progress;
+}
+
+// ---------------------------------------------------------------------------
+// Pacing
+// ---------------------------------------------------------------------------
+
+// How many packets of `packet` bytes may start now: every packet that
+// starts while the bus is at most a microframe ahead of the clock. 0 when it
+// is further ahead; the pacing timer then runs the loop again.
+uint32_t UsbBus::Impl::PaceBudget(uint32_t packet) {
+    if (!mLinkRate) return UINT32_MAX;
+    uint64_t now = kplat::Now();
+    uint64_t busFree = mPaceOrigin + (uint64_t)(((unsigned __int128)mPaceBits * 10000000u + mLinkRate - 1) / mLinkRate);
+    if (busFree <= now + kMicroframe100ns) {
+        uint64_t slack = now + kMicroframe100ns - std::max(busFree, now);
+        unsigned __int128 bits = (unsigned __int128)slack * mLinkRate / 10000000u;
+        uint64_t more = (uint64_t)(bits / ((uint64_t)(packet + kPacketOverheadBytes) * 8));
+        return (uint32_t)std::min<uint64_t>(more + 1, UINT32_MAX);
+    }
+    if (!mTimerArmed) {
+        mTimerArmed = true;
+        LARGE_INTEGER due;
+        due.QuadPart = -(LONGLONG)(busFree - kMicroframe100ns - now);
+        KeSetTimer(&mTimer, due, &mTimerDpc);
+    }
+    return 0;
+}
+
+void UsbBus::Impl::PaceCharge(uint32_t bytes, uint32_t packets) {
+    if (!mLinkRate || !packets) return;
+    uint64_t now = kplat::Now();
+    uint64_t busFree = mPaceOrigin + (uint64_t)(((unsigned __int128)mPaceBits * 10000000u + mLinkRate - 1) / mLinkRate);
+    if (busFree < now) {
+        mPaceOrigin = now;
+        mPaceBits = 0;
+    }
+    mPaceBits += ((uint64_t)bytes + (uint64_t)packets * kPacketOverheadBytes) * 8;
+}
+
+}  // namespace kplat
