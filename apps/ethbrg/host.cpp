@@ -43,6 +43,19 @@ std::string ExecutableDirectory()
     return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
+// Pool blocks still live, one line per tag ("" when none).
+std::string LedgerNow()
+{
+    std::string ledger;
+    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) {
+        if (s.liveCount != 0) {
+            ledger += kplat::TagToString(s.tag) + ": " + std::to_string(s.liveCount) + " blocks, " +
+                      std::to_string(s.liveBytes) + " bytes\n";
+        }
+    }
+    return ledger;
+}
+
 std::string Hex8(uint32_t v)
 {
     char b[9];
@@ -180,13 +193,22 @@ Host::Host(const CommonOptions& options, kplat::ClockMode clock) : mOptions(opti
     std::string error;
     if (kplat::RegistryLoadText(text, &error) != STATUS_SUCCESS) throw UsageError("registry: " + error);
 
-    mDevice.reset(new ethsim::NcmDevice(mProfile));
+    if (!options.usb.empty()) {
+        mUsb = kplat::LibusbDevice::Open(options.usb, &error);
+        if (!mUsb) throw UsageError(error);
+    } else {
+        mDevice.reset(new ethsim::NcmDevice(mProfile));
+    }
     mBus.reset(new kplat::UsbBus());
     if (!options.usbCapture.empty() && !mBus->StartCapture(options.usbCapture, &error)) {
         throw UsageError("--usb-capture " + options.usbCapture + ": " + error);
     }
-    mBus->Attach(mDevice.get());
-    mService.reset(new ethsim::ServiceTimer(*mDevice));
+    if (mUsb) {
+        mBus->Attach(mUsb.get());
+    } else {
+        mBus->Attach(mDevice.get());
+        mService.reset(new ethsim::ServiceTimer(*mDevice));
+    }
     mDriver.reset(new kplat::NdisDriver(DriverEntry, kServiceName));
     if (!mDriver->IsRegistered()) {
         throw UsageError("the driver did not register (DriverEntry status 0x" + Hex8(mDriver->EntryStatus()) + ")");
@@ -248,17 +270,46 @@ void Host::Shutdown()
     mService.reset();
     if (mBus) mBus->StopCapture();
     mBus.reset();
-    mLedger.clear();
-    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) {
-        if (s.liveCount != 0) {
-            mLedger += kplat::TagToString(s.tag) + ": " + std::to_string(s.liveCount) + " blocks, " +
-                       std::to_string(s.liveBytes) + " bytes\n";
-        }
-    }
+    mUsb.reset();
+    mLedger = LedgerNow();
     mScope.reset();
     mDevice.reset();
     kplat::SetCheckHandler(nullptr);
     kplat::SetDebugSinkStderr();
+}
+
+void Host::RemoveAdapter()
+{
+    if (!mAdapter) return;
+    mAdapter->SurpriseRemove();
+    mOutstandingAtHalt = mAdapter->PacketsOutstanding();
+    mAdapter.reset();
+    kplat::RunUntilIdle();
+    mConnected.store(false);
+    mLedger = LedgerNow();
+}
+
+bool Host::Replug(uint64_t ms, const std::function<bool()>& stop)
+{
+    if (!mUsb || mAdapter) return false;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    // The kernel needs a moment after the device appears before it can be
+    // opened (its node and configuration come a little later).
+    while (!stop()) {
+        if (kplat::LibusbDevice::Present(mOptions.usb)) {
+            std::string error;
+            std::unique_ptr<kplat::LibusbDevice> device = kplat::LibusbDevice::Open(mOptions.usb, &error);
+            if (device) {
+                if (mBus->IsAttached()) mBus->Unplug();
+                mUsb = std::move(device);
+                mBus->Attach(mUsb.get());
+                return Plug() == NDIS_STATUS_SUCCESS;
+            }
+        }
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
 }
 
 bool Host::WaitFor(const std::function<bool()>& pred, uint64_t ms)
