@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -43,14 +44,18 @@ std::string ExecutableDirectory()
     return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-// Pool blocks still live, one line per tag ("" when none).
-std::string LedgerNow()
+// Pool blocks live now beyond those of `baseline`, one line per tag (""
+// when none).
+std::string LedgerNow(const std::map<ULONG, std::pair<uint64_t, uint64_t>>& baseline = {})
 {
     std::string ledger;
     for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) {
-        if (s.liveCount != 0) {
-            ledger += kplat::TagToString(s.tag) + ": " + std::to_string(s.liveCount) + " blocks, " +
-                      std::to_string(s.liveBytes) + " bytes\n";
+        auto it = baseline.find(s.tag);
+        const uint64_t count = s.liveCount - (it == baseline.end() ? 0 : it->second.first);
+        const uint64_t bytes = s.liveBytes - (it == baseline.end() ? 0 : it->second.second);
+        if (count != 0) {
+            ledger += kplat::TagToString(s.tag) + ": " + std::to_string((int64_t)count) + " blocks, " +
+                      std::to_string((int64_t)bytes) + " bytes\n";
         }
     }
     return ledger;
@@ -219,6 +224,8 @@ Host::~Host() { Shutdown(); }
 
 NDIS_STATUS Host::Plug()
 {
+    mDriverBlocks.clear();
+    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) mDriverBlocks[s.tag] = {s.liveCount, s.liveBytes};
     kplat::AdapterOptions options;
     options.parametersKey = kplat::AdapterKeyPath(0);
     mAdapter.reset(new kplat::NdisAdapter(*mDriver, *mBus, options));
@@ -286,7 +293,7 @@ void Host::RemoveAdapter()
     mAdapter.reset();
     kplat::RunUntilIdle();
     mConnected.store(false);
-    mLedger = LedgerNow();
+    mLedger = LedgerNow(mDriverBlocks);
 }
 
 bool Host::Replug(uint64_t ms, const std::function<bool()>& stop)

@@ -21,6 +21,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -111,7 +112,8 @@ public:
     bool DeviceGone() const { return mUsb && mUsb->Gone(); }
     // Surprise removal of the adapter (every packet completed, MPHalt), as
     // the stack plays it when the device leaves. Sets OutstandingAtHalt and
-    // the ledger as they are now (the driver stays loaded).
+    // the ledger to the adapter's share: the blocks live now that were not
+    // before Plug (the driver stays loaded and keeps its own).
     void RemoveAdapter();
     // Waits up to `ms` for the device the --usb selector names to be present
     // again, opens it, plugs it into the bus and brings a new adapter up
@@ -146,6 +148,7 @@ private:
     std::atomic<bool> mConnected{false};
     std::atomic<uint64_t> mTruncated{0};
     std::string mLedger;
+    std::map<ULONG, std::pair<uint64_t, uint64_t>> mDriverBlocks;  // tag -> live blocks, bytes before Plug
     uint64_t mOutstandingAtHalt = 0;
     std::vector<std::string> mChecks;
     bool mShutDown = false;

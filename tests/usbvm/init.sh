@@ -64,7 +64,7 @@ unshare -n sleep 100000 &
 NS=$!
 usleep 100000
 in_ns ip link set lo up
-in_ns ethbrg bridge --usb 0525:a4a1 --tap eb0 --wait-device --usb-capture /tmp/usb.pcap > /tmp/bridge.log 2>&1 &
+nsenter -t "$NS" -n ethbrg bridge --usb 0525:a4a1 --tap eb0 --wait-device --usb-capture /tmp/usb.pcap > /tmp/bridge.log 2>&1 &
 BRIDGE=$!
 if ! wait_for 15 grep -q "bridge up" /tmp/bridge.log; then
   cat /tmp/bridge.log
@@ -97,20 +97,24 @@ ping_check "burst host to gadget" in_ns ping -A -q -c 1000 -s 1400 -W 3 10.77.0.
 # each way.
 tput() {
   local name="$1" to="$2" sender="$3" receiver="$4"
-  $receiver nc -l -p 5001 > /tmp/rx &
+  # The listener's standard input stays open: nc ends at its end of file.
+  sleep 30 | $receiver nc -l -p 5001 > /tmp/rx &
   local rx=$!
   usleep 300000
   local t0 t1
   t0=$(cut -d' ' -f1 /proc/uptime)
-  dd if=/dev/zero bs=65536 count=64 2>/dev/null | $sender timeout 30 nc "$to" 5001
-  wait $rx
+  dd if=/dev/zero bs=65536 count=64 2>/dev/null | $sender nc "$to" 5001 &
+  local tx=$!
+  wait_for 20 sh -c '[ "$(wc -c < /tmp/rx)" -ge 4194304 ]'
   t1=$(cut -d' ' -f1 /proc/uptime)
+  kill $rx $tx 2>/dev/null
   local got
   got=$(wc -c < /tmp/rx)
+  [ "$got" -ge 4194304 ] || fail "throughput $name: $got of 4194304 bytes arrived"
   echo "usbvm: throughput $name: $got bytes in $(echo "$t1 - $t0" | bc) s: $(echo "$got * 8 / ($t1 - $t0) / 1000000" | bc) Mbit/s"
 }
-tput "gadget to host" 10.77.0.2 "" in_ns
-tput "host to gadget" 10.77.0.1 in_ns ""
+tput "gadget to host" 10.77.0.2 "" "nsenter -t $NS -n"
+tput "host to gadget" 10.77.0.1 "nsenter -t $NS -n" ""
 
 # Unbinding the device controller in the middle of traffic: the adapter is
 # surprise-removed with every packet completed and an empty ledger.
