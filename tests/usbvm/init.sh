@@ -60,6 +60,17 @@ ip addr add 10.77.0.1/24 dev usb0
 ip link set usb0 up
 echo "usbvm: gadget on $UDC, $(cat /sys/bus/usb/devices/1-1/speed) Mbit/s, host side $(cat /sys/bus/usb/devices/1-1/idVendor):$(cat /sys/bus/usb/devices/1-1/idProduct)"
 
+# The adapter's view of the device, through every OID; then the errors a
+# user meets: a device held by another program, and one not permitted.
+out="$(ethbrg info --usb 0525:a4a1 2>&1)"
+rc=$?
+echo "$out" | grep -E "^device|LINK_SPEED|MEDIA_CONNECT|MAXIMUM_FRAME_SIZE |CURRENT_ADDRESS|VENDOR_DESC|ethbrg:"
+if [ $rc = 0 ]; then pass "info"; else fail "info: exit status $rc"; fi
+echo "nobody:x:65534:65534:nobody:/:/bin/sh" > /etc/passwd
+echo "nogroup:x:65534:" > /etc/group
+out="$(su -s /bin/sh nobody -c "ethbrg info --usb 0525:a4a1" 2>&1)"
+if echo "$out" | grep -q "not permitted"; then pass "not permitted: $out"; else fail "not permitted: $out"; fi
+
 unshare -n sleep 100000 &
 NS=$!
 usleep 100000
@@ -75,6 +86,8 @@ in_ns ip addr add 10.77.0.2/24 dev eb0
 in_ns ip link set eb0 up
 carrier() { in_ns ip link show eb0 | grep -q LOWER_UP; }
 if wait_for 10 carrier; then pass "bring-up: $(grep 'bridge up' /tmp/bridge.log)"; else fail "bring-up: no media connect"; fi
+out="$(ethbrg info --usb 1:2 2>&1)"
+if echo "$out" | grep -q "busy"; then pass "busy: $out"; else fail "busy: $out"; fi
 
 # ping ARGS...: passes when every echo is answered.
 ping_check() {

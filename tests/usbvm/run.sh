@@ -28,4 +28,4 @@ if ! grep -q "^USBVM END" "$log"; then
   exit 1
 fi
 echo "usbvm: $passed checks passed, $failed failed"
-[ "$failed" = 0 ] && [ "$passed" -ge 10 ]
+[ "$failed" = 0 ] && [ "$passed" -ge 13 ]
