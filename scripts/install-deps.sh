@@ -6,6 +6,7 @@ packages=(
   build-essential cmake clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev nlohmann-json3-dev libcli11-dev liburing-dev pkg-config
+  libusb-1.0-0-dev qemu-system-x86 busybox-static
   iproute2 iperf3
   mingw-w64-common tshark python3
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64

@@ -2,7 +2,10 @@
 // the stack sends on the TAP go to MPSendPackets; receive indications are
 // written to the TAP. The device's network side is the built-in responder
 // or a second TAP, so that two network namespaces exchange real traffic
-// through the driver, NTBs and the simulated device.
+// through the driver, NTBs and the simulated device. With --usb the device is
+// a real one and its network side is its own; --wait-device then survives
+// the device leaving: the adapter is surprise-removed, and when the device
+// comes back a new adapter comes up on it.
 //
 // `ethbrg forward`: the same TAP code joining two TAPs directly, without the
 // driver: the baseline the bridge is measured against.
@@ -19,6 +22,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <mutex>
 #include <cstdio>
 #include <thread>
 
@@ -64,11 +68,23 @@ struct BridgeOptions {
     double seconds = 0;
     std::string json;
     unsigned maxOutstanding = 1024;
+    bool waitDevice = false;
 };
+
+bool Ended(double seconds, std::chrono::steady_clock::time_point start)
+{
+    return gSignal.load() != 0 ||
+           (seconds > 0 && std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= seconds);
+}
 
 int RunBridge(const BridgeOptions& o)
 {
-    if (o.peerTap.empty() == o.responder.empty()) {
+    const bool real = !o.common.usb.empty();
+    if (real && (!o.peerTap.empty() || !o.responder.empty())) {
+        throw UsageError("--usb: a real device's network side is its own; --peer-tap and --responder do not go with it");
+    }
+    if (o.waitDevice && !real) throw UsageError("--wait-device goes with --usb");
+    if (!real && o.peerTap.empty() == o.responder.empty()) {
         throw UsageError("give the device's network side: --responder IP or --peer-tap NAME (one of them)");
     }
     Ip4 responderIp{};
@@ -82,6 +98,9 @@ int RunBridge(const BridgeOptions& o)
 
     Host host(o.common);
     std::atomic<uint64_t> sendsDropped{0};
+    // Guards the adapter's presence: the TAP reader sends under it, removal
+    // and re-plugging of a real device change the adapter under it.
+    std::mutex adapterLock;
     host.OnFrame([&](const uint8_t* frame, size_t length) { tap.Write(frame, length); });
     host.OnMediaChange([&](bool connected) { tap.SetCarrier(connected); });
     tap.SetCarrier(false);
@@ -91,8 +110,9 @@ int RunBridge(const BridgeOptions& o)
                 NdisStatusText(status).c_str());
         return 1;
     }
-    host.SetPacketFilter(NDIS_PACKET_TYPE_DIRECTED | NDIS_PACKET_TYPE_MULTICAST | NDIS_PACKET_TYPE_ALL_MULTICAST |
-                         NDIS_PACKET_TYPE_BROADCAST);
+    const ULONG filter = NDIS_PACKET_TYPE_DIRECTED | NDIS_PACKET_TYPE_MULTICAST | NDIS_PACKET_TYPE_ALL_MULTICAST |
+                         NDIS_PACKET_TYPE_BROADCAST;
+    host.SetPacketFilter(filter);
     const Mac mac = host.CurrentAddress();
     const unsigned mtu = (unsigned)host.QueryNumber(OID_GEN_MAXIMUM_FRAME_SIZE).value_or(1500);
     tap.SetMac(mac.data());
@@ -104,7 +124,9 @@ int RunBridge(const BridgeOptions& o)
     const ethsim::MacAddress responderMac = {0x02, 0x45, 0x54, 0x48, 0xFE, 0x02};
     std::unique_ptr<ethsim::Responder> responder;
     std::unique_ptr<TapSink> peerSink;
-    if (peer) {
+    if (real) {
+        // The device's network side is the device's own.
+    } else if (peer) {
         peer->SetMtu(mtu);
         peer->SetUp();
         peer->SetCarrier(true);
@@ -121,6 +143,11 @@ int RunBridge(const BridgeOptions& o)
     // waits (the TAP's own queue then holds the stack back, as a full
     // transmit ring would); after 100 ms without room the frame is dropped.
     tap.Start([&](const uint8_t* frame, size_t length) {
+        std::lock_guard<std::mutex> lock(adapterLock);
+        if (!host.HasAdapter()) {
+            sendsDropped++;
+            return;
+        }
         auto start = std::chrono::steady_clock::now();
         while (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
             if (std::chrono::steady_clock::now() - start > std::chrono::milliseconds(100)) {
@@ -131,13 +158,53 @@ int RunBridge(const BridgeOptions& o)
         }
         host.Send(frame, length);
     });
-    printf("bridge up: %s (%s, MTU %u, carrier %s) <-> adapter <-> simulated device <-> %s\n", o.tap.c_str(),
-           MacText(mac.data()).c_str(), mtu, host.MediaConnected() ? "on" : "off",
-           peer ? ("TAP " + o.peerTap).c_str() : ("responder " + o.responder).c_str());
+    const std::string side = real ? "USB device " + host.Usb()->Description()
+                             : "simulated device <-> " + (peer ? "TAP " + o.peerTap : "responder " + o.responder);
+    printf("bridge up: %s (%s, MTU %u, carrier %s) <-> adapter <-> %s\n", o.tap.c_str(), MacText(mac.data()).c_str(),
+           mtu, host.MediaConnected() ? "on" : "off", side.c_str());
     fflush(stdout);
 
     const auto start = std::chrono::steady_clock::now();
-    WaitForEnd(o.seconds);
+    if (!real) {
+        WaitForEnd(o.seconds);
+    } else {
+        struct sigaction sa {};
+        sa.sa_handler = OnSignal;
+        sigaction(SIGINT, &sa, nullptr);
+        sigaction(SIGTERM, &sa, nullptr);
+        bool connected = host.MediaConnected();
+        while (!Ended(o.seconds, start)) {
+            if (host.MediaConnected() != connected) {
+                connected = !connected;
+                printf("media %s\n", connected ? "connected" : "disconnected");
+                fflush(stdout);
+            }
+            if (!host.DeviceGone()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                continue;
+            }
+            {
+                std::lock_guard<std::mutex> lock(adapterLock);
+                host.RemoveAdapter();
+            }
+            tap.SetCarrier(false);
+            connected = false;
+            printf("device removed: %llu packets outstanding at halt; pool-tag ledger: %s\n",
+                   (unsigned long long)host.OutstandingAtHalt(),
+                   host.Ledger().empty() ? "empty" : ("\n" + host.Ledger()).c_str());
+            fflush(stdout);
+            if (!o.waitDevice) break;
+            bool back;
+            {
+                std::lock_guard<std::mutex> lock(adapterLock);
+                back = host.Replug(UINT32_MAX, [&] { return Ended(o.seconds, start); });
+                if (back) host.SetPacketFilter(filter);
+            }
+            if (!back) break;
+            printf("device back: %s\n", host.Usb()->Description().c_str());
+            fflush(stdout);
+        }
+    }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (gSignal.load()) printf("signal %d: halting the adapter\n", gSignal.load());
 
@@ -152,9 +219,13 @@ int RunBridge(const BridgeOptions& o)
         summary.SetFrames("peer to device", peer->FramesRead(), peer->BytesRead(), 0, seconds);
         summary.SetFrames("device to peer", peer->FramesWritten(), peer->BytesWritten(), peer->WritesDropped(), seconds);
     }
-    summary.SetDevice(host.Device());
-    summary.SetOids(host);
-    host.Device().Connect(nullptr);
+    if (real) {
+        summary.SetRealDevice(*host.Usb());
+    } else {
+        summary.SetDevice(host.Device());
+    }
+    if (host.HasAdapter()) summary.SetOids(host);
+    if (!real) host.Device().Connect(nullptr);
     host.Shutdown();
     summary.SetShutdown(host);
     if (!o.json.empty()) summary.WriteJson(o.json);
@@ -208,6 +279,10 @@ void AddBridgeCommands(CLI::App& app, CommonOptions& common, std::function<int()
     cmd->add_option("--trace-mask", bridge.common.traceMask, "driver trace mask");
     cmd->add_option("--trace-dump", bridge.common.traceDump, "write the driver's trace ring to FILE at exit");
     cmd->add_option("--usb-capture", bridge.common.usbCapture, "write every URB as a usbmon pcap");
+    cmd->add_option("--usb", bridge.common.usb, "a real USB device through libusb instead of the simulated one: "
+                                                "VID:PID (hex, as lsusb -d) or BUS:ADDR (decimal, as lsusb lists them)");
+    cmd->add_flag("--wait-device", bridge.waitDevice, "with --usb: when the device goes away, remove the adapter "
+                                                      "and bring a new one up when the device comes back");
     cmd->add_option("--pcap", bridge.common.pcap, "write the frames at the adapter's upper edge as an Ethernet pcap");
     cmd->callback([run] { *run = [] { return RunBridge(bridge); }; });
 

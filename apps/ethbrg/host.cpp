@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -41,6 +42,23 @@ std::string ExecutableDirectory()
     std::string path(buffer);
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// Pool blocks live now beyond those of `baseline`, one line per tag (""
+// when none).
+std::string LedgerNow(const std::map<ULONG, std::pair<uint64_t, uint64_t>>& baseline = {})
+{
+    std::string ledger;
+    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) {
+        auto it = baseline.find(s.tag);
+        const uint64_t count = s.liveCount - (it == baseline.end() ? 0 : it->second.first);
+        const uint64_t bytes = s.liveBytes - (it == baseline.end() ? 0 : it->second.second);
+        if (count != 0) {
+            ledger += kplat::TagToString(s.tag) + ": " + std::to_string((int64_t)count) + " blocks, " +
+                      std::to_string((int64_t)bytes) + " bytes\n";
+        }
+    }
+    return ledger;
 }
 
 std::string Hex8(uint32_t v)
@@ -180,13 +198,22 @@ Host::Host(const CommonOptions& options, kplat::ClockMode clock) : mOptions(opti
     std::string error;
     if (kplat::RegistryLoadText(text, &error) != STATUS_SUCCESS) throw UsageError("registry: " + error);
 
-    mDevice.reset(new ethsim::NcmDevice(mProfile));
+    if (!options.usb.empty()) {
+        mUsb = kplat::LibusbDevice::Open(options.usb, &error);
+        if (!mUsb) throw UsageError(error);
+    } else {
+        mDevice.reset(new ethsim::NcmDevice(mProfile));
+    }
     mBus.reset(new kplat::UsbBus());
     if (!options.usbCapture.empty() && !mBus->StartCapture(options.usbCapture, &error)) {
         throw UsageError("--usb-capture " + options.usbCapture + ": " + error);
     }
-    mBus->Attach(mDevice.get());
-    mService.reset(new ethsim::ServiceTimer(*mDevice));
+    if (mUsb) {
+        mBus->Attach(mUsb.get());
+    } else {
+        mBus->Attach(mDevice.get());
+        mService.reset(new ethsim::ServiceTimer(*mDevice));
+    }
     mDriver.reset(new kplat::NdisDriver(DriverEntry, kServiceName));
     if (!mDriver->IsRegistered()) {
         throw UsageError("the driver did not register (DriverEntry status 0x" + Hex8(mDriver->EntryStatus()) + ")");
@@ -197,6 +224,8 @@ Host::~Host() { Shutdown(); }
 
 NDIS_STATUS Host::Plug()
 {
+    mDriverBlocks.clear();
+    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) mDriverBlocks[s.tag] = {s.liveCount, s.liveBytes};
     kplat::AdapterOptions options;
     options.parametersKey = kplat::AdapterKeyPath(0);
     mAdapter.reset(new kplat::NdisAdapter(*mDriver, *mBus, options));
@@ -248,17 +277,46 @@ void Host::Shutdown()
     mService.reset();
     if (mBus) mBus->StopCapture();
     mBus.reset();
-    mLedger.clear();
-    for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) {
-        if (s.liveCount != 0) {
-            mLedger += kplat::TagToString(s.tag) + ": " + std::to_string(s.liveCount) + " blocks, " +
-                       std::to_string(s.liveBytes) + " bytes\n";
-        }
-    }
+    mUsb.reset();
+    mLedger = LedgerNow();
     mScope.reset();
     mDevice.reset();
     kplat::SetCheckHandler(nullptr);
     kplat::SetDebugSinkStderr();
+}
+
+void Host::RemoveAdapter()
+{
+    if (!mAdapter) return;
+    mAdapter->SurpriseRemove();
+    mOutstandingAtHalt = mAdapter->PacketsOutstanding();
+    mAdapter.reset();
+    kplat::RunUntilIdle();
+    mConnected.store(false);
+    mLedger = LedgerNow(mDriverBlocks);
+}
+
+bool Host::Replug(uint64_t ms, const std::function<bool()>& stop)
+{
+    if (!mUsb || mAdapter) return false;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    // The kernel needs a moment after the device appears before it can be
+    // opened (its node and configuration come a little later).
+    while (!stop()) {
+        if (kplat::LibusbDevice::Present(mOptions.usb)) {
+            std::string error;
+            std::unique_ptr<kplat::LibusbDevice> device = kplat::LibusbDevice::Open(mOptions.usb, &error);
+            if (device) {
+                if (mBus->IsAttached()) mBus->Unplug();
+                mUsb = std::move(device);
+                mBus->Attach(mUsb.get());
+                return Plug() == NDIS_STATUS_SUCCESS;
+            }
+        }
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
 }
 
 bool Host::WaitFor(const std::function<bool()>& pred, uint64_t ms)

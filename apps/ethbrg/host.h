@@ -1,5 +1,6 @@
 // The machine the program runs the driver on: the stand-in (real clock by
-// default), a USB bus with the simulated NCM function plugged in, the
+// default), a USB bus with the simulated NCM function plugged in (or, with
+// --usb, a real device reached through libusb: kplat/usblibusb.h), the
 // miniport loaded under its service name and one adapter on the device, with
 // the network stack's side of it (sends, receive indications, status, OIDs).
 // Every subcommand that runs the driver builds one Host from the common
@@ -16,9 +17,11 @@
 #include <kplat/ndis.h>
 #include <kplat/platform.h>
 #include <kplat/usbbus.h>
+#include <kplat/usblibusb.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -42,6 +45,7 @@ struct CommonOptions {
     std::string traceDump;            // file for the trace ring at exit
     std::string usbCapture;           // usbmon pcap of every URB
     std::string pcap;                 // Ethernet pcap at the adapter's upper edge
+    std::string usb;                  // a real device, VID:PID or BUS:ADDR; empty: the simulated one
 };
 
 // Loads a profile by name (profiles/NAME.json in the profile directories) or
@@ -101,6 +105,21 @@ public:
     // OID_GEN_CURRENT_PACKET_FILTER, as a protocol sets it when it binds.
     NDIS_STATUS SetPacketFilter(ULONG filter);
 
+    // ---- a real device (--usb) ----
+    bool RealDevice() const { return (bool)mUsb; }
+    kplat::LibusbDevice* Usb() { return mUsb.get(); }
+    // The real device went away: its URBs now end with DEVICE_GONE.
+    bool DeviceGone() const { return mUsb && mUsb->Gone(); }
+    // Surprise removal of the adapter (every packet completed, MPHalt), as
+    // the stack plays it when the device leaves. Sets OutstandingAtHalt and
+    // the ledger to the adapter's share: the blocks live now that were not
+    // before Plug (the driver stays loaded and keeps its own).
+    void RemoveAdapter();
+    // Waits up to `ms` for the device the --usb selector names to be present
+    // again, opens it, plugs it into the bus and brings a new adapter up
+    // (Plug). False when it did not come back or did not open.
+    bool Replug(uint64_t ms, const std::function<bool()>& stop);
+
     // ---- after Shutdown ----
     // The pool-tag ledger: "" when nothing is left, else one line per tag.
     const std::string& Ledger() const { return mLedger; }
@@ -118,6 +137,7 @@ private:
     ethsim::DeviceProfile mProfile;
     std::unique_ptr<kplat::Scope> mScope;
     std::unique_ptr<ethsim::NcmDevice> mDevice;
+    std::unique_ptr<kplat::LibusbDevice> mUsb;
     std::unique_ptr<kplat::UsbBus> mBus;
     std::unique_ptr<ethsim::ServiceTimer> mService;
     std::unique_ptr<kplat::NdisDriver> mDriver;
@@ -128,6 +148,7 @@ private:
     std::atomic<bool> mConnected{false};
     std::atomic<uint64_t> mTruncated{0};
     std::string mLedger;
+    std::map<ULONG, std::pair<uint64_t, uint64_t>> mDriverBlocks;  // tag -> live blocks, bytes before Plug
     uint64_t mOutstandingAtHalt = 0;
     std::vector<std::string> mChecks;
     bool mShutDown = false;

@@ -142,6 +142,10 @@ int RunInfo(const InfoOptions& options)
         return 1;
     }
     host.WaitFor([&] { return host.MediaConnected(); }, 2000);
+    if (host.RealDevice()) {
+        const kplat::LibusbDeviceStats t = host.Usb()->Stats();
+        printf("device %s; NTB in/out %u/%u bytes\n", host.Usb()->Description().c_str(), t.ntbInSize, t.ntbOutSize);
+    }
     std::vector<uint8_t> list;
     if (!host.QueryBytes(OID_GEN_SUPPORTED_LIST, &list)) {
         fprintf(stderr, "ethbrg: OID_GEN_SUPPORTED_LIST failed\n");

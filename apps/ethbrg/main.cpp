@@ -32,6 +32,8 @@ void AddCommon(CLI::App* cmd, CommonOptions& c, bool traffic)
     cmd->add_option("--param", c.params, "adapter registry parameter Name=Value (repeatable; see info --params)");
     cmd->add_option("--trace-mask", c.traceMask, "driver trace mask (0x1 errors, 0x2 warnings, 0x4 info, ...)");
     cmd->add_option("--usb-capture", c.usbCapture, "write every URB as a usbmon pcap");
+    cmd->add_option("--usb", c.usb, "a real USB device through libusb instead of the simulated one: VID:PID "
+                                    "(hex, as lsusb -d) or BUS:ADDR (decimal, as lsusb lists them)");
     if (traffic) {
         cmd->add_option("--trace-dump", c.traceDump, "write the driver's trace ring to FILE at exit");
         cmd->add_option("--pcap", c.pcap, "write the frames at the adapter's upper edge as an Ethernet pcap");

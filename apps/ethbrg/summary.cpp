@@ -93,6 +93,20 @@ void Summary::SetDevice(const ethsim::NcmDevice& device)
     }
 }
 
+void Summary::SetRealDevice(const kplat::LibusbDevice& device)
+{
+    const kplat::LibusbDeviceStats t = device.Stats();
+    mJson["usb"] = {{"device", device.Description()},
+                    {"controlTransfers", t.controlTransfers},
+                    {"out", {{"transfers", t.outTransfers}, {"bytes", t.outBytes}}},
+                    {"in", {{"transfers", t.inTransfers}, {"bytes", t.inBytes}}},
+                    {"interruptPackets", t.interruptPackets},
+                    {"stalls", t.stalls},
+                    {"ntbInSize", t.ntbInSize},
+                    {"ntbOutSize", t.ntbOutSize},
+                    {"gone", device.Gone()}};
+}
+
 void Summary::SetOids(Host& host)
 {
     json o = json::object();
@@ -183,6 +197,18 @@ std::string Summary::Text() const
                  n["out"]["rejected"].get<unsigned long long>(), n["in"]["ntbs"].get<unsigned long long>(),
                  n["in"]["datagramsPerNtb"].get<double>(), n["in"]["droppedQueueFull"].get<unsigned long long>(),
                  n["notifications"].get<unsigned long long>());
+        s += line;
+    }
+    if (mJson.contains("usb")) {
+        const json& u = mJson["usb"];
+        snprintf(line, sizeof(line),
+                 "usb         %s: %llu control; out %llu transfers, %llu bytes; in %llu transfers, %llu bytes; "
+                 "%llu interrupt packets; %llu stalls; NTB in/out %u/%u bytes%s\n",
+                 u["device"].get<std::string>().c_str(), u["controlTransfers"].get<unsigned long long>(),
+                 u["out"]["transfers"].get<unsigned long long>(), u["out"]["bytes"].get<unsigned long long>(),
+                 u["in"]["transfers"].get<unsigned long long>(), u["in"]["bytes"].get<unsigned long long>(),
+                 u["interruptPackets"].get<unsigned long long>(), u["stalls"].get<unsigned long long>(),
+                 u["ntbInSize"].get<unsigned>(), u["ntbOutSize"].get<unsigned>(), u["gone"].get<bool>() ? "; gone" : "");
         s += line;
     }
     if (mJson.contains("conformance")) {

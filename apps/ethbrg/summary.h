@@ -30,9 +30,13 @@ public:
     // Frames that crossed without a counter (bridge), per direction.
     void SetFrames(const std::string& direction, uint64_t frames, uint64_t bytes, uint64_t dropped, double seconds);
     void SetDevice(const ethsim::NcmDevice& device);
+    // A real device (--usb): what it is and the transfers that crossed.
+    void SetRealDevice(const kplat::LibusbDevice& device);
     void SetOids(Host& host);
     void SetForeign(uint64_t frames);
     void SetShutdown(const Host& host);
+
+    void AddProblem(const std::string& problem) { mProblems.push_back(problem); }
 
     // Nothing lost or reordered, no violation, no leak, no check failure.
     bool Passed() const;
