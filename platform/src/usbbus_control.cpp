@@ -30,6 +30,7 @@ UsbBus::Impl::ControlRecord* UsbBus::Impl::NewRecord() {
     rec->inUse = true;
     rec->answered = false;
     rec->stalled = false;
+    rec->error = 0;
     rec->transfer = nullptr;
     return rec;
 }
@@ -43,13 +44,20 @@ void UsbBus::Impl::FreeRecord(ControlRecord* rec) {
 // ---------------------------------------------------------------------------
 // Control transfers
 // ---------------------------------------------------------------------------
-void UsbBus::Impl::CompleteControl(UsbControlTransfer* transfer, bool stall) {
+void UsbBus::Impl::CompleteControl(UsbControlTransfer* transfer, bool stall) { AnswerControl(transfer, stall, 0); }
+
+void UsbBus::Impl::FailControl(UsbControlTransfer* transfer, uint32_t usbdStatus) {
+    AnswerControl(transfer, false, usbdStatus != 0 ? usbdStatus : (uint32_t)USBD_STATUS_XACT_ERROR);
+}
+
+void UsbBus::Impl::AnswerControl(UsbControlTransfer* transfer, bool stall, uint32_t error) {
     {
         std::lock_guard<std::mutex> lock(mLock);
         auto* rec = (ControlRecord*)transfer->busContext;
         if (!rec || &rec->xfer != transfer || !rec->inUse || rec->answered) return;
         rec->answered = true;
         rec->stalled = stall;
+        rec->error = error;
         if (!rec->transfer) {
             FreeRecord(rec);
             return;
@@ -107,6 +115,8 @@ void UsbBus::Impl::FinishControlLocked(Transfer* t) {
     if (rec->stalled) {
         mStats.stalls++;
         st = USBD_STATUS_STALL_PID;
+    } else if (rec->error != 0) {
+        st = (USBD_STATUS)rec->error;
     } else {
         uint32_t actual = t->length;
         if (t->in) {

@@ -54,6 +54,7 @@ struct ControlRecord {
     bool inUse = false;
     bool answered = false;
     bool stalled = false;
+    uint32_t error = 0;  // USBD status of a transaction error (FailControl), 0 if none
 };
 
 // What one accepted (or refused) URB becomes. Transfers come from the bus's
@@ -179,6 +180,8 @@ struct UsbBus::Impl final : public UsbDevicePort {
 
     // UsbDevicePort (usbbus_control.cpp, usbbus_engine.cpp)
     void CompleteControl(UsbControlTransfer* transfer, bool stall) override;
+    void FailControl(UsbControlTransfer* transfer, uint32_t usbdStatus) override;
+    void AnswerControl(UsbControlTransfer* transfer, bool stall, uint32_t error);
     void EndpointReady(uint8_t endpointAddress) override;
     void Disconnect() override;
     uint64_t Now() const override { return kplat::Now(); }

@@ -3,6 +3,7 @@
 #include <kplat/usblibusb.h>
 
 #include <libusb-1.0/libusb.h>
+#include <usb.h>
 
 #include <algorithm>
 #include <atomic>
@@ -423,8 +424,15 @@ void LibusbDevice::Impl::RunControl(UsbControlTransfer* t)
     t->actual = rc >= 0 ? (uint32_t)rc : 0;
     if (rc >= 0 && !(s.bmRequestType & 0x80)) t->actual = s.wLength;
     if (rc >= 0) SnoopControl(t);
-    if (rc < 0) mStats.stalls++;
-    if (mPort) mPort->CompleteControl(t, rc < 0);
+    // A stall is the device's answer; any other failure (time-out, I/O
+    // error) is a transaction error on the wire.
+    if (rc == LIBUSB_ERROR_PIPE) mStats.stalls++;
+    if (!mPort) return;
+    if (rc < 0 && rc != LIBUSB_ERROR_PIPE) {
+        mPort->FailControl(t, rc == LIBUSB_ERROR_TIMEOUT ? USBD_STATUS_DEV_NOT_RESPONDING : USBD_STATUS_XACT_ERROR);
+    } else {
+        mPort->CompleteControl(t, rc < 0);
+    }
 }
 
 void LibusbDevice::Impl::ControlLoop()

@@ -16,10 +16,10 @@ using testbed::Traits;
 
 namespace {
 
-enum class Fault { None, Stall, Hold, Gone, Short };
+enum class Fault { None, Stall, Hold, Gone, Short, Error };
 const char* Name(Fault f)
 {
-    static const char* names[] = {"none", "stall", "time-out", "device gone", "short answer"};
+    static const char* names[] = {"none", "stall", "time-out", "device gone", "short answer", "USBD error"};
     return names[(int)f];
 }
 
@@ -43,6 +43,7 @@ public:
             case Fault::Hold: return;  // never answered: the host times out
             case Fault::Gone: return mPort->Disconnect();
             case Fault::Short: t->actual = 0; return mPort->CompleteControl(t, false);
+            case Fault::Error: return mPort->FailControl(t, USBD_STATUS_XACT_ERROR);
             case Fault::None: break;
             }
         }
@@ -147,8 +148,8 @@ TEST(FaultMatrix, EveryControlRequestOfBringUpFailingEachWay)
         bed.Bus().Unplug();
     }
     ASSERT_GT(controls, 5u);
-    RecordProperty("cells", (int)controls * 4);
-    for (Fault f : {Fault::Stall, Fault::Hold, Fault::Gone, Fault::Short}) {
+    RecordProperty("cells", (int)controls * 5);
+    for (Fault f : {Fault::Stall, Fault::Hold, Fault::Gone, Fault::Short, Fault::Error}) {
         for (uint64_t k = 1; k <= controls; k++) {
             Bed bed(Detached());
             FaultDevice device(&bed.Device(), f, k, 0);

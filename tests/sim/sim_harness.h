@@ -24,6 +24,7 @@ public:
         kplat::UsbControlTransfer* transfer;
         bool stall;
     };
+    void FailControl(kplat::UsbControlTransfer*, uint32_t) override {}
     void CompleteControl(kplat::UsbControlTransfer* transfer, bool stall) override
     {
         completions.push_back({transfer, stall});

@@ -12,6 +12,7 @@ namespace {
 
 class ThreadPort : public kplat::UsbDevicePort {
 public:
+    void FailControl(kplat::UsbControlTransfer*, uint32_t) override {}
     void CompleteControl(kplat::UsbControlTransfer*, bool stall) override
     {
         completed.fetch_add(1);

@@ -132,6 +132,10 @@ public:
     // stall, the request fails with USBD_STATUS_STALL_PID. May be called from
     // inside ControlTransfer.
     virtual void CompleteControl(UsbControlTransfer* transfer, bool stall) = 0;
+    // Ends a control transfer without a handshake (a transaction error, no
+    // answer at the protocol level): the request fails with usbdStatus, for
+    // example USBD_STATUS_XACT_ERROR or USBD_STATUS_DEV_NOT_RESPONDING.
+    virtual void FailControl(UsbControlTransfer* transfer, uint32_t usbdStatus) = 0;
 
     // The endpoint (address with bit 7 for IN) that answered Nak can make
     // progress now: IN data is available, or OUT buffer space is free.
