@@ -84,12 +84,18 @@ struct NdisAdapter::Impl {
     KTIMER hangTimer, verifierTimer;
     KDPC hangDpc, verifierDpc;
     KEVENT resetDone;  // signalled while no reset is pending
+    KEVENT callsDone;  // signalled while callsInFlight is 0
+    KEVENT setDone;    // signalled while no set is pending
 
     mutable std::mutex mutex;  // guards everything below
     NDIS_STATUS initStatus = NDIS_STATUS_FAILURE;
     NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
     UINT selectedMedium = 0;
     bool initialized = false;
+    // Sends, requests and resets let through to the miniport and not yet
+    // returned from it; Halt lets them return before it calls MPHalt, as
+    // NDIS never halts a miniport with a call of the stack under way.
+    unsigned callsInFlight = 0;
     NDIS_HANDLE context = nullptr;
     UINT hangSeconds = 0;
     ULONG attributeFlags = 0;
@@ -139,6 +145,11 @@ struct NdisAdapter::Impl {
     // The stack's side of a completion (or of a send NDIS refused): the
     // callback, then a SendFrame packet is freed.
     void Finish(PNDIS_PACKET packet, NDIS_STATUS status);
+
+    // A call into the miniport begins (mutex held, initialized) and ends
+    // (mutex not held).
+    void EnterCallLocked();
+    void LeaveCall();
 
     // MPReset raised to DISPATCH_LEVEL, unless not initialized or a reset
     // is pending already.

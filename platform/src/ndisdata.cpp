@@ -142,6 +142,7 @@ void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
         }
         context = a.context;
         deliver = again == nullptr && a.initialized && count != 0;
+        if (deliver) a.EnterCallLocked();
     }
     if (again != nullptr) {
         VerifierFailed(Handle(), (ULONG_PTR)again, 0, "NdisAdapter::Send: the miniport owns packet %p already", again);
@@ -151,8 +152,11 @@ void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
         for (PNDIS_PACKET packet : refused) a.Finish(packet, NDIS_STATUS_FAILURE);
         return;
     }
-    AtDispatch raised;
-    a.Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(context, packets, count);
+    {
+        AtDispatch raised;
+        a.Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(context, packets, count);
+    }
+    a.LeaveCall();
 }
 
 void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {

@@ -97,6 +97,8 @@ NdisAdapter::NdisAdapter(NdisDriver& driver, UsbBus& bus, const AdapterOptions& 
     KeInitializeDpc(&a.hangDpc, HangDpc, mImpl);
     KeInitializeDpc(&a.verifierDpc, VerifierDpc, mImpl);
     KeInitializeEvent(&a.resetDone, NotificationEvent, TRUE);
+    KeInitializeEvent(&a.callsDone, NotificationEvent, TRUE);
+    KeInitializeEvent(&a.setDone, NotificationEvent, TRUE);
     {
         Lock lock(G().mutex);
         unsigned ordinal = G().nextOrdinal++;
@@ -162,8 +164,10 @@ void NdisAdapter::Impl::ReleaseHostMemory() {
     packets.clear();
 }
 
-// NDIS lets a pending reset finish before the halt and stops the hang check
-// first; the miniport must have completed every packet when MPHalt returns.
+// NDIS stops the hang check first, and lets the calls of the stack under
+// way return and a pending set and reset finish (each within its deadline)
+// before the halt; the miniport must have completed every packet when MPHalt
+// returns.
 void NdisAdapter::Halt() {
     Impl& a = *mImpl;
     NDIS_HANDLE context;
@@ -175,7 +179,10 @@ void NdisAdapter::Halt() {
         KeCancelTimer(&a.hangTimer);
     }
     KeFlushQueuedDpcs();
-    LARGE_INTEGER limit = RelativeDue(kSendDeadline);
+    KeWaitForSingleObject(&a.callsDone, Executive, KernelMode, FALSE, nullptr);
+    LARGE_INTEGER limit = RelativeDue(kSetDeadline);
+    KeWaitForSingleObject(&a.setDone, Executive, KernelMode, FALSE, &limit);
+    limit = RelativeDue(kSendDeadline);
     KeWaitForSingleObject(&a.resetDone, Executive, KernelMode, FALSE, &limit);
     a.Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.HaltHandler(context);
     size_t owned;
@@ -249,11 +256,26 @@ NDIS_STATUS NdisAdapter::Query(NDIS_OID oid, PVOID buffer, ULONG length, PULONG 
     {
         Lock lock(mImpl->mutex);
         if (!mImpl->initialized) return NDIS_STATUS_ADAPTER_NOT_FOUND;
+        mImpl->EnterCallLocked();
         context = mImpl->context;
     }
-    AtDispatch raised;
-    return mImpl->Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.QueryInformationHandler(context, oid, buffer, length,
-                                                                                      bytesWritten, bytesNeeded);
+    NDIS_STATUS status;
+    {
+        AtDispatch raised;
+        status = mImpl->Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.QueryInformationHandler(
+            context, oid, buffer, length, bytesWritten, bytesNeeded);
+    }
+    mImpl->LeaveCall();
+    return status;
+}
+
+void NdisAdapter::Impl::EnterCallLocked() {
+    if (callsInFlight++ == 0) KeClearEvent(&callsDone);
+}
+
+void NdisAdapter::Impl::LeaveCall() {
+    Lock lock(mutex);
+    if (--callsInFlight == 0) KeSetEvent(&callsDone, IO_NO_INCREMENT, FALSE);
 }
 
 NDIS_STATUS NdisAdapter::Set(NDIS_OID oid, PVOID buffer, ULONG length, PULONG bytesRead, PULONG bytesNeeded) {
@@ -264,12 +286,14 @@ NDIS_STATUS NdisAdapter::Set(NDIS_OID oid, PVOID buffer, ULONG length, PULONG by
         if (!a.initialized) return NDIS_STATUS_ADAPTER_NOT_FOUND;
         if (a.setPending) return NDIS_STATUS_FAILURE;  // NDIS holds a request back while one is pending
         a.setPending = true;
+        KeClearEvent(&a.setDone);
         a.setReported = false;
         a.setInCall = true;
         a.setCompletedInCall = false;
         a.setOid = oid;
         a.setDeadline = Now() + kSetDeadline;
         a.ArmVerifierLocked(a.setDeadline);
+        a.EnterCallLocked();
         context = a.context;
     }
     NDIS_STATUS status;
@@ -278,12 +302,16 @@ NDIS_STATUS NdisAdapter::Set(NDIS_OID oid, PVOID buffer, ULONG length, PULONG by
         status = a.Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.SetInformationHandler(context, oid, buffer, length,
                                                                                    bytesRead, bytesNeeded);
     }
+    a.LeaveCall();
     bool completedAnyway;
     {
         Lock lock(a.mutex);
         a.setInCall = false;
         completedAnyway = status != NDIS_STATUS_PENDING && a.setCompletedInCall;
-        if (status != NDIS_STATUS_PENDING) a.setPending = false;
+        if (status != NDIS_STATUS_PENDING && a.setPending) {
+            a.setPending = false;
+            KeSetEvent(&a.setDone, IO_NO_INCREMENT, FALSE);
+        }
     }
     if (completedAnyway)
         VerifierFailed(Handle(), oid, (ULONG_PTR)status,
@@ -297,6 +325,7 @@ void NdisAdapter::Impl::SetComplete(NDIS_STATUS status) {
         Lock lock(mutex);
         if (setPending) {
             setPending = false;
+            KeSetEvent(&setDone, IO_NO_INCREMENT, FALSE);
             setCompletedInCall = setInCall;
             setCompletions++;
             lastSetStatus = status;
@@ -325,6 +354,7 @@ NDIS_STATUS NdisAdapter::Impl::RunReset() {
         resetPending = true;
         resets++;
         KeClearEvent(&resetDone);
+        EnterCallLocked();
         adapterContext = context;
     }
     BOOLEAN addressingReset = FALSE;
@@ -333,6 +363,7 @@ NDIS_STATUS NdisAdapter::Impl::RunReset() {
         AtDispatch raised;
         status = Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.ResetHandler(&addressingReset, adapterContext);
     }
+    LeaveCall();
     Lock lock(mutex);
     if (resetPending) {  // else completed already, inside the call
         lastResetStatus = status;

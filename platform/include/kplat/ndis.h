@@ -153,7 +153,9 @@ public:
     PDEVICE_OBJECT Fdo() const;
     const std::string& ParametersKey() const;
 
-    // Orderly removal: MPHalt (PASSIVE_LEVEL).
+    // Orderly removal: MPHalt (PASSIVE_LEVEL), once the sends, requests and
+    // resets under way on other threads have returned and a pending set and
+    // reset have completed (or their deadlines passed).
     void Halt();
     // Surprise removal: unplugs the bus's device, sends IRP_MN_SURPRISE_REMOVAL
     // through the driver object's IRP_MJ_PNP dispatch routine (the
