@@ -175,10 +175,19 @@ void DeviceContBase::StartAsyncRoutine(PDEVICE_OBJECT deviceObject, PVOID contex
     UNREFERENCED_PARAMETER(argument);
     IRQL_EQ_PASSIVE();
     DeviceContBase* This = static_cast<DeviceContBase*>(context);
-    KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::StartAsync: starting\n");
-    NTSTATUS status = This->Start();
-    if (!NT_SUCCESS(status)) {
-        KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartAsync: Start failed %N\n", status);
+    // Start and Stop run only here or with no work item queued, so the flag
+    // cannot change under this check. A start of a running device control
+    // (a power-up to D0 while in D0, or after a reset restarted it) has
+    // nothing to do: Start would configure the running streams again.
+    NTSTATUS status = STATUS_SUCCESS;
+    if (This->IsStarted()) {
+        KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::StartAsync: started already\n");
+    } else {
+        KN_TRACE(KN_TRACE_INFO, "%P:DeviceContBase::StartAsync: starting\n");
+        status = This->Start();
+        if (!NT_SUCCESS(status)) {
+            KN_TRACE(KN_TRACE_ERROR, "%P:DeviceContBase::StartAsync: Start failed %N\n", status);
+        }
     }
     This->mDeviceNotify->StartCompleted(status);
 }
