@@ -283,6 +283,9 @@ void DeviceContNcm::ReleaseTxPath()
     NdSpinlockGuard guard(mLock);
     KN_ASSERT(mTxBusy);
     mTxBusy = false;
+    if (mTxStopWaiting) {
+        KeSetEvent(&mTxIdleEvent, IO_NO_INCREMENT, FALSE);  // another Stop waits for the path
+    }
     // Requests made while stopping are served by the BufferSent of the next
     // start of the OUT stream.
     mTxRerun = false;

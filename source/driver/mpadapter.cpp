@@ -71,7 +71,8 @@ MpAdapter::MpAdapter(NDIS_HANDLE adapterHandle)
       mSignature{'M', 'p', 'A', 'd'},
       mSetCompletionDue(false),
       mSetCompletionStatus(NDIS_STATUS_SUCCESS),
-      mResetFailed(false)
+      mResetFailed(false),
+      mResetStopped(false)
 {
     IRQL_EQ_PASSIVE();
     InitializeListHead(&mTxPacketQueue);
@@ -278,6 +279,7 @@ void MpAdapter::Reset()
     mLock.Lock();
     CleanupTxQueue();
     mResetPending = true;
+    mResetStopped = false;
     mLock.Unlock();
     if (!mDeviceCont->StopAsync()) {
         // No work item: nothing would complete the reset. It ends at once,
@@ -313,6 +315,7 @@ void MpAdapter::StopCompleted()
         CompleteSetLater(NDIS_STATUS_SUCCESS);
     }
     bool resetPending = mResetPending;
+    mResetStopped = mResetPending;
     mLock.Unlock();
     if (resetPending && !mDeviceCont->StartAsync()) {
         // The restart cannot be scheduled: the reset ends now, failed.
@@ -328,8 +331,12 @@ void MpAdapter::StartCompleted(NTSTATUS status)
     if (mStartStopPending) {
         CompleteSetLater(NDIS_STATUS_SUCCESS);
     }
-    bool completeReset = mResetPending;
-    mResetPending = false;
+    // A reset completes only once its own stop and start have both run.
+    bool completeReset = mResetPending && mResetStopped;
+    if (completeReset) {
+        mResetPending = false;
+        mResetStopped = false;
+    }
     mLock.Unlock();
     if (completeReset) {
         NdisMResetComplete(mAdapterHandle, status >= 0 ? NDIS_STATUS_SUCCESS : NDIS_STATUS_HARD_ERRORS, FALSE);

@@ -230,4 +230,8 @@ private:
     bool mSetCompletionDue;
     NDIS_STATUS mSetCompletionStatus;
     bool mResetFailed;
+    // The pending reset's stop has completed, so the next StartCompleted is
+    // its start's (a start of a power request that was already under way
+    // when the reset came does not complete the reset); mLock.
+    bool mResetStopped;
 };
