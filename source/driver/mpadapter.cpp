@@ -262,6 +262,12 @@ void MpAdapter::Halt()
         mDeviceCont->ReturnRxBuffer(datagram);
     }
     mLock.Unlock();
+    // Until the streams stopped, a notification could arm the status timer
+    // again (it read the initialized flag before MPHalt cleared it), and the
+    // completions of the queue's clean-up may have armed the watchdog: with
+    // nothing left to arm them, both go for good now.
+    CancelTimer(&mStatusTimer);
+    CancelTimer(&mTxWatchdogTimer);
     // A timer function that was already running when its timer was
     // cancelled finishes before the adapter can go away.
     KeFlushQueuedDpcs();
