@@ -50,10 +50,11 @@ private:
     KnMutex* mMutex;
 };
 
-// A count whose notification event is signalled while the count is 0.
-// Lock-free. The event mirrors the count as long as a rise from 0 and a fall
-// to 0 do not race: users raise the count only while their object runs and
-// wait only after they stopped new raises.
+// A count whose notification event is signalled while the count is 0. A
+// rise from 0 and a fall to 0 may race on two processors (a submission and
+// a completion while a pipe runs): each change of the count and of the event
+// is one step under a lock shared by all counters, so the event never stays
+// out of step with the count, also after such a race.
 class KnCounterEvent {
 public:
     // Contract: any IRQL. Count 0, event signalled.
@@ -61,9 +62,10 @@ public:
     KnCounterEvent(const KnCounterEvent&) = delete;
     KnCounterEvent& operator=(const KnCounterEvent&) = delete;
 
-    // Contract: IRQL <= DISPATCH_LEVEL. Returns the new count.
+    // Contract: IRQL <= DISPATCH_LEVEL; takes the shared lock (a leaf lock).
+    // Returns the new count.
     ULONG Increment();
-    // Contract: IRQL <= DISPATCH_LEVEL. Returns the new count.
+    // Contract: as Increment. Returns the new count.
     ULONG Decrement();
     // Contract: any IRQL.
     ULONG GetCount() const { return __atomic_load_n(&mCount, __ATOMIC_SEQ_CST); }
@@ -72,6 +74,6 @@ public:
     NTSTATUS Wait(ULONG timeoutMs);
 
 private:
-    ULONG mCount;   // changed only with atomic operations
+    ULONG mCount;   // changed under the shared lock, read without it
     KEVENT mEvent;  // notification event, signalled while mCount is 0
 };
