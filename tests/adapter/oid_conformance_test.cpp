@@ -312,3 +312,64 @@ TEST(OidConformance, EveryOidAtEveryLength)
     RecordProperty("requests", requests);
     EXPECT_EQ(bed.Device().TotalViolations(), 0u) << bed.Device().ViolationReport();
 }
+
+// Power requests meeting each other and a reset on the start/stop work item
+// they share: every request completes once, with success, and the adapter
+// passes traffic afterwards.
+TEST(OidConformance, PowerRequestsMeetingEachOtherAndAReset)
+{
+    enum Step { D0, D3, Reset, Hold, Release };
+    struct Row {
+        const char* name;
+        std::vector<Step> steps;
+    };
+    const Row rows[] = {
+        {"D0 while in D0", {D0}},
+        {"D3 twice, then D0", {D3, D3, D0}},
+        // The start of the power-up waits in its first control request when
+        // the reset comes: the reset's own stop and start follow it.
+        {"a reset during the start of a power-up", {D3, Hold, D0, Reset, Release}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        kplat::DebugCapture trace;
+        testbed::Traits traits;
+        traits.traceMask = KN_TRACE_ERROR;
+        Bed bed(traits);
+        kplat::NdisAdapter& a = bed.Adapter();
+        uint64_t sets = 0, resets = 0;
+        for (Step s : r.steps) {
+            ULONG state = s == D0 ? NdisDeviceStateD0 : NdisDeviceStateD3, read, needed;
+            switch (s) {
+            case D0:
+            case D3:
+                EXPECT_EQ(a.Set(OID_PNP_SET_POWER, &state, sizeof(state), &read, &needed), NDIS_STATUS_PENDING);
+                sets++;
+                break;
+            case Reset:
+                EXPECT_EQ(a.Reset(), NDIS_STATUS_PENDING);
+                resets++;
+                break;
+            case Hold: bed.Device().HoldNextControl(1); break;
+            case Release:
+                EXPECT_EQ(bed.Device().GetState().heldControl, 1u);
+                bed.Device().ReleaseHeldControl();
+                break;
+            }
+            // A power request's work runs until it completes or waits; a
+            // reset's stop is queued behind it.
+            if (s == D0 || s == D3) kplat::RunUntilIdle();
+            if (s == D3) bed.Settle(100);
+        }
+        bed.Settle(1000);
+        EXPECT_EQ(a.SetCompletions(), sets);
+        EXPECT_EQ(a.LastSetCompletionStatus(), NDIS_STATUS_SUCCESS);
+        EXPECT_FALSE(a.ResetPending());
+        EXPECT_EQ(a.Resets(), resets);
+        EXPECT_EQ(a.LastResetStatus(), NDIS_STATUS_SUCCESS);
+        bed.Received();
+        bed.Send({testbed::Frame(300, 1)});
+        EXPECT_EQ(bed.Received().size(), 1u) << "traffic after the requests";
+        EXPECT_FALSE(trace.Contains("FATAL") || trace.Contains("ASSERTION FAILED")) << trace.Text();
+    }
+}
