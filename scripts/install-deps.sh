@@ -6,7 +6,7 @@ packages=(
   build-essential cmake clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev nlohmann-json3-dev libcli11-dev
-  mingw-w64-common tshark python3
+  mingw-w64-common tshark python3 cloc
 )
 missing=()
 for p in "${packages[@]}"; do
