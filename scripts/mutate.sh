@@ -34,7 +34,8 @@ scratch="${ETHBRG_MUTATE_DIR:-/tmp/ethbrg-mutate-$(id -u)}"
 src="$scratch/src"
 build="$scratch/build"
 mkdir -p "$src" "$build"
-rsync -a --delete --exclude /build --exclude /.git "$root/" "$src/"
+rm -rf "$src" && mkdir -p "$src"
+tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -xf -
 
 export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}"
 export CMAKE_C_COMPILER_LAUNCHER="${CMAKE_C_COMPILER_LAUNCHER:-ccache}"
