@@ -32,14 +32,16 @@ done
 
 scratch="${ETHBRG_MUTATE_DIR:-/tmp/ethbrg-mutate-$(id -u)}"
 src="$scratch/src"
-build="$scratch/build"
+# The build directory sits where a preset's would, so that paths in the
+# build (and so __FILE__ in assertion messages) look as they do there.
+build="$src/build/default"
 mkdir -p "$src" "$build"
-rm -rf "$src" && mkdir -p "$src"
+find "$src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -xf -
 
 export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}"
 export CMAKE_C_COMPILER_LAUNCHER="${CMAKE_C_COMPILER_LAUNCHER:-ccache}"
-export CCACHE_BASEDIR="$scratch"
+export CCACHE_BASEDIR="$src"
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=gcc \
       -DCMAKE_CXX_COMPILER=g++ -DETHBRG_WERROR=ON -DETHBRG_BENCH=OFF >/dev/null
 echo "building the unmutated tree in $build"
