@@ -1,13 +1,17 @@
 // The network side: responder (ARP, ICMP echo), loopback and the counting
 // generator, on their own and behind the device.
-#include "sim_harness.h"
-
 #include <ethsim/network.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 
-using namespace simtest;
+#include "testbed.h"
+
 using ethsim::MacAddress;
+using testbed::Bed;
+using testbed::Bytes;
+using testbed::Layer;
+using testbed::Traits;
 
 namespace {
 
@@ -145,24 +149,19 @@ TEST(Responder, IgnoresOthersAndCountsBroken)
 TEST(Responder, PingThroughTheDevice)
 {
     // Host -> NTB -> device -> responder -> device -> NTB -> host.
-    ethsim::DeviceProfile p;
-    Harness h(p);
-    std::vector<uint64_t> requests;
-    h.dev.SetServiceRequest([&requests](uint64_t due) { requests.push_back(due); });
+    Traits t;
+    t.layer = Layer::Control;
+    Bed bed(t);
     ethsim::Responder peer(kPeerMac, kPeerIp);
-    h.dev.Connect(&peer);
-    peer.Connect(&h.dev);
-    h.Start(true);
-    ASSERT_EQ(h.SendOut(GoodNtb({ArpRequest(kPeerIp), EchoRequest(kPeerIp, 1)}, true, 0)), UsbHandshake::Ack);
-    h.dev.Service();
-    auto t = h.ReadIn();
-    ASSERT_TRUE(t.has_value());
-    Decoded d = Decode(*t, true);
-    ASSERT_EQ(d.frames.size(), 2u);
-    EXPECT_EQ(d.frames[0][21], 2);         // ARP reply
-    EXPECT_EQ(d.frames[1][14 + 20], 0);    // echo reply
+    bed.Device().Connect(&peer);
+    peer.Connect(&bed.Device());
+    bed.Send({ArpRequest(kPeerIp), EchoRequest(kPeerIp, 1)});
+    std::vector<Bytes> back = bed.Received();
+    ASSERT_EQ(back.size(), 2u);
+    EXPECT_EQ(back[0][21], 2);       // ARP reply
+    EXPECT_EQ(back[1][14 + 20], 0);  // echo reply
     EXPECT_EQ(peer.GetCounters().replies, 2u);
-    EXPECT_EQ(h.dev.TotalViolations(), 0u);
+    EXPECT_EQ(bed.Device().TotalViolations(), 0u);
 }
 
 TEST(Loopback, EchoesAndOptionallySwaps)
@@ -171,7 +170,7 @@ TEST(Loopback, EchoesAndOptionallySwaps)
     ethsim::FrameCapture a, b;
     plain.Connect(&a);
     swapping.Connect(&b);
-    const Bytes f = MakeFrame(60, 1);
+    const Bytes f = testbed::Frame(60, 1);
     plain.OnFrame(f.data(), f.size());
     swapping.OnFrame(f.data(), f.size());
     EXPECT_EQ(a.Frames()[0], f);
@@ -187,24 +186,18 @@ TEST(Loopback, EchoesAndOptionallySwaps)
 
 TEST(CountingGenerator, ThroughTheDeviceBothWays)
 {
-    Harness h;
-    ethsim::CountingGenerator net(kPeerMac, h.profile.macAddress);
-    h.dev.Connect(&net);
-    net.Connect(&h.dev);
-    h.Start();
-    // Network to host.
+    Traits t;
+    t.layer = Layer::Control;
+    Bed bed(t);
+    ethsim::CountingGenerator net(kPeerMac, t.profile.macAddress);
+    bed.Device().Connect(&net);
+    net.Connect(&bed.Device());
     EXPECT_EQ(net.Generate(10, 300), 10u);
-    size_t frames = 0;
-    while (auto t = h.ReadIn()) {
-        frames += Decode(*t, false).frames.size();
-    }
-    EXPECT_EQ(frames, 10u);
-    // Host to network.
+    bed.Settle(50);
+    EXPECT_EQ(bed.Received().size(), 10u);
     std::vector<Bytes> out;
-    for (uint64_t i = 0; i < 4; ++i) {
-        out.push_back(ethsim::CountingGenerator::MakeFrame(h.profile.macAddress, kPeerMac, i, 200));
-    }
-    ASSERT_EQ(h.SendOut(GoodNtb(out, false, 0)), UsbHandshake::Ack);
+    for (uint64_t i = 0; i < 4; ++i) out.push_back(ethsim::CountingGenerator::MakeFrame(t.profile.macAddress, kPeerMac, i, 200));
+    bed.Send(out);
     EXPECT_EQ(net.Received(), 4u);
     EXPECT_EQ(net.OutOfOrder(), 0u);
     EXPECT_EQ(net.Corrupt(), 0u);
