@@ -61,22 +61,6 @@ TEST_F(Pool, TagStatsFollowLiveBlocksAndKeepTheHighWaterMark) {
     EXPECT_EQ(before.frees + 4, s.frees);
 }
 
-TEST_F(Pool, LeakReportNamesTheTagThatStillHoldsBlocks) {
-    const ULONG leaky = MakeTag("LkB1");
-    const ULONG clean = MakeTag("LkC1");
-    PVOID kept1 = ExAllocatePoolWithTag(NonPagedPool, 1000, leaky);
-    PVOID kept2 = ExAllocatePoolWithTag(NonPagedPool, 24, leaky);
-    ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPool, 8, clean), clean);
-
-    std::string report = kplat::PoolLeakReport();
-    EXPECT_NE(std::string::npos, report.find("Tag LkB1: 2 blocks, 1024 bytes live\n")) << report;
-    EXPECT_EQ(std::string::npos, report.find("LkC1")) << report;
-
-    ExFreePoolWithTag(kept1, leaky);
-    ExFreePoolWithTag(kept2, leaky);
-    EXPECT_EQ(std::string::npos, kplat::PoolLeakReport().find("LkB1"));
-}
-
 // ---------------------------------------------------------------------------
 // Fault injection
 // ---------------------------------------------------------------------------
@@ -100,49 +84,6 @@ TEST_F(Pool, FailNthAllocationHitsExactlyThatOne) {
     for (PVOID p : {p1, p2, p4, p5}) ExFreePool(p);
 }
 
-TEST_F(Pool, FailTagFailsOnlyThatTagAndOnlyAsOftenAsAsked) {
-    const ULONG victim = MakeTag("FtV1"), other = MakeTag("FtO1");
-    const uint64_t victimBefore = kplat::GetPoolTagStats(victim).allocations;
-    kplat::FailTag(victim, 2);
-    PVOID o = ExAllocatePoolWithTag(NonPagedPool, 8, other);
-    EXPECT_NE(nullptr, o);
-    EXPECT_EQ(nullptr, ExAllocatePoolWithTag(NonPagedPool, 8, victim));
-    EXPECT_EQ(nullptr, ExAllocatePoolWithTag(NonPagedPool, 8, victim));
-    PVOID v = ExAllocatePoolWithTag(NonPagedPool, 8, victim);
-    EXPECT_NE(nullptr, v);
-    EXPECT_EQ(victimBefore + 1, kplat::GetPoolTagStats(victim).allocations);
-    ExFreePool(o);
-    ExFreePool(v);
-
-    kplat::FailTag(victim);  // until cleared
-    for (int i = 0; i < 5; i++) EXPECT_EQ(nullptr, ExAllocatePoolWithTag(NonPagedPool, 8, victim));
-    kplat::ClearFaults();
-    v = ExAllocatePoolWithTag(NonPagedPool, 8, victim);
-    EXPECT_NE(nullptr, v);
-    ExFreePool(v);
-}
-
-// ---------------------------------------------------------------------------
-// Checks of pool misuse
-// ---------------------------------------------------------------------------
-TEST_F(Pool, PagedAllocationAtDispatchLevelIsACheckFailure) {
-    const ULONG tag = MakeTag("PgD1");
-    kplat::CheckRecorder recorder;
-    PVOID p;
-    {
-        AtIrql dispatch(DISPATCH_LEVEL);
-        p = ExAllocatePoolWithTag(PagedPool, 32, tag);
-    }
-    EXPECT_EQ(nullptr, p);
-    std::vector<kplat::CheckFailure> failures = recorder.Take();
-    ASSERT_EQ(1u, failures.size());
-    EXPECT_EQ((ULONG)BAD_POOL_CALLER, failures[0].code);
-    EXPECT_EQ(0x08u, failures[0].p1);
-    EXPECT_EQ((ULONG_PTR)DISPATCH_LEVEL, failures[0].p2);
-    EXPECT_EQ((ULONG_PTR)PagedPool, failures[0].p3);
-    EXPECT_EQ(0u, kplat::GetPoolTagStats(tag).allocations);
-}
-
 TEST_F(Pool, FreeingWithAnotherTagIsACheckFailureAndKeepsTheBlock) {
     const ULONG tag = MakeTag("WtA1");
     PVOID p = ExAllocatePoolWithTag(NonPagedPool, 8, tag);
@@ -159,65 +100,6 @@ TEST_F(Pool, FreeingWithAnotherTagIsACheckFailureAndKeepsTheBlock) {
     }
     EXPECT_EQ(1u, kplat::GetPoolTagStats(tag).liveCount);
     ExFreePoolWithTag(p, tag);
-}
-
-TEST_F(Pool, FreeingWhatIsNotALiveBlockIsACheckFailure) {
-    kplat::CheckRecorder recorder;
-    char onStack[64];
-    ExFreePool(onStack + 32);
-    PVOID p = ExAllocatePoolWithTag(NonPagedPool, 8, MakeTag("DbF1"));
-    ExFreePool(p);
-    ExFreePool(p);  // twice
-    ExFreePool(nullptr);
-    std::vector<kplat::CheckFailure> failures = recorder.Take();
-    ASSERT_EQ(3u, failures.size());
-    for (const kplat::CheckFailure& f : failures) {
-        EXPECT_EQ((ULONG)BAD_POOL_CALLER, f.code);
-        EXPECT_EQ(0x46u, f.p1);
-    }
-    EXPECT_EQ(0u, kplat::GetPoolTagStats(MakeTag("DbF1")).liveCount);
-}
-
-TEST_F(Pool, OverwrittenHeaderIsCaughtAtFree) {
-    auto* p = (uint64_t*)ExAllocatePoolWithTag(NonPagedPool, 16, MakeTag("Hdr1"));
-    uint64_t saved = p[-4];  // the block's magic
-    p[-4] = 0;               // an underrun by the block's user
-    {
-        kplat::CheckRecorder recorder;
-        ExFreePool(p);
-        std::vector<kplat::CheckFailure> failures = recorder.Take();
-        ASSERT_EQ(1u, failures.size());
-        EXPECT_EQ((ULONG)BAD_POOL_CALLER, failures[0].code);
-    }
-    p[-4] = saved;
-    ExFreePool(p);
-}
-
-// ---------------------------------------------------------------------------
-// MDLs, pages, contiguous memory
-// ---------------------------------------------------------------------------
-TEST_F(Pool, MdlForNonPagedPoolDescribesTheBlock) {
-    uint64_t mdlsBefore = kplat::GetObjectCounts().mdls;
-    auto* block = (PUCHAR)ExAllocatePoolWithTag(NonPagedPool, 3 * PAGE_SIZE, MakeTag("MdB1"));
-    PUCHAR va = block + 100;
-    const ULONG length = 2 * PAGE_SIZE + 10;
-    PMDL mdl = IoAllocateMdl(va, length, FALSE, FALSE, nullptr);
-    ASSERT_NE(nullptr, mdl);
-    EXPECT_EQ(mdlsBefore + 1, kplat::GetObjectCounts().mdls);
-    ULONG pages = ADDRESS_AND_SIZE_TO_SPAN_PAGES(va, length);
-    EXPECT_EQ(sizeof(MDL) + pages * sizeof(PFN_NUMBER), (size_t)mdl->Size);
-    EXPECT_EQ(length, MmGetMdlByteCount(mdl));
-    EXPECT_EQ(BYTE_OFFSET(va), MmGetMdlByteOffset(mdl));
-
-    MmBuildMdlForNonPagedPool(mdl);
-    EXPECT_TRUE(mdl->MdlFlags & MDL_SOURCE_IS_NONPAGED_POOL);
-    EXPECT_EQ(va, MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority));
-    PPFN_NUMBER pfn = MmGetMdlPfnArray(mdl);
-    for (ULONG i = 0; i < pages; i++) EXPECT_EQ(((ULONG_PTR)PAGE_ALIGN(va) >> PAGE_SHIFT) + i, pfn[i]);
-
-    IoFreeMdl(mdl);
-    EXPECT_EQ(mdlsBefore, kplat::GetObjectCounts().mdls);
-    ExFreePool(block);
 }
 
 PHYSICAL_ADDRESS Phys(LONGLONG v) {
@@ -251,70 +133,6 @@ TEST_F(Pool, PagesForMdlAreZeroedLockedAndMapOnDemand) {
     MmFreePagesFromMdl(mdl);
     EXPECT_EQ(pagesBefore.liveBytes, kplat::GetPoolTagStats(MakeTag("Page")).liveBytes);
     IoFreeMdl(mdl);
-}
-
-TEST_F(Pool, ShortenedPageAllocationDescribesFewerBytesOnce) {
-    kplat::ShortenNextPageAllocation(PAGE_SIZE);
-    PMDL shortMdl = MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), 4 * PAGE_SIZE);
-    ASSERT_NE(nullptr, shortMdl);
-    EXPECT_EQ(3u * PAGE_SIZE, MmGetMdlByteCount(shortMdl));
-    PMDL full = MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), 4 * PAGE_SIZE);
-    EXPECT_EQ(4u * PAGE_SIZE, MmGetMdlByteCount(full));
-
-    kplat::ShortenNextPageAllocation(PAGE_SIZE);
-    EXPECT_EQ(nullptr, MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), PAGE_SIZE));
-
-    for (PMDL m : {shortMdl, full}) {
-        MmFreePagesFromMdl(m);
-        IoFreeMdl(m);
-    }
-}
-
-TEST_F(Pool, FailedPageAllocationLeavesNothingBehind) {
-    uint64_t live = kplat::GetObjectCounts().mdls;
-    kplat::PoolTagStats pages = kplat::GetPoolTagStats(MakeTag("Page"));
-    kplat::FailTag(MakeTag("Mdl "), 1);  // the pages succeed, their MDL fails
-    EXPECT_EQ(nullptr, MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), PAGE_SIZE));
-    kplat::FailTag(MakeTag("Page"), 1);
-    EXPECT_EQ(nullptr, MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), PAGE_SIZE));
-    EXPECT_EQ(live, kplat::GetObjectCounts().mdls);
-    EXPECT_EQ(pages.liveCount, kplat::GetPoolTagStats(MakeTag("Page")).liveCount);
-}
-
-TEST_F(Pool, PageAndMappingMisuseIsCaught) {
-    char buffer[64];
-    PMDL mdl = IoAllocateMdl(buffer, sizeof buffer, FALSE, FALSE, nullptr);
-    kplat::CheckRecorder recorder;
-    EXPECT_EQ(nullptr, MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE,
-                                                    NormalPagePriority));  // not built, not locked
-    MmBuildMdlForNonPagedPool(mdl);
-    MmFreePagesFromMdl(mdl);                  // not pages of MmAllocatePagesForMdl
-    MmUnmapLockedPages(buffer, mdl);          // never mapped
-    EXPECT_EQ(3u, recorder.Take().size());
-    IoFreeMdl(mdl);
-    {
-        AtIrql dispatch(DISPATCH_LEVEL);
-        EXPECT_EQ(nullptr, MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), PAGE_SIZE));
-    }
-    EXPECT_EQ(1u, recorder.Count());
-}
-
-TEST_F(Pool, ConcurrentAllocationsKeepExactCounts) {
-    static const ULONG tag = MakeTag("Thr1");
-    kplat::PoolTagStats before = kplat::GetPoolTagStats(tag);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([] {
-            std::vector<PVOID> blocks;
-            for (int i = 0; i < 500; i++) blocks.push_back(ExAllocatePoolWithTag(NonPagedPool, 8, tag));
-            for (PVOID p : blocks) ExFreePoolWithTag(p, tag);
-        });
-    }
-    for (std::thread& t : threads) t.join();
-    kplat::PoolTagStats after = kplat::GetPoolTagStats(tag);
-    EXPECT_EQ(before.allocations + 2000, after.allocations);
-    EXPECT_EQ(before.frees + 2000, after.frees);
-    EXPECT_EQ(0u, after.liveCount);
 }
 
 }  // namespace

@@ -120,36 +120,6 @@ TEST_F(Ndis, RegistrationChecksTheRecord) {
     }
 }
 
-void TimerFunction(PVOID, PVOID context, PVOID, PVOID) {
-    *(uint64_t*)context = kplat::NowMs() * 10 + KeGetCurrentIrql();
-}
-
-TEST_F(Ndis, TimersRunOnTheVirtualClock) {
-    // firedAt 0: never
-    struct Case { const char* name; uint64_t againAt, cancelAt, firedAt; BOOLEAN cancelled; } cases[] = {
-        {"fires at its deadline", 0, 0, 100, FALSE},
-        {"set again restarts it", 50, 0, 150, FALSE},
-        {"cancelled before", 0, 99, 0, TRUE},
-        {"cancelled after it fired", 0, 100, 100, FALSE},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        NDIS_MINIPORT_TIMER timer;
-        uint64_t fired = 0;  // ms * 10 + IRQL
-        NdisMInitializeTimer(&timer, nullptr, TimerFunction, &fired);
-        const uint64_t start = kplat::NowMs();
-        NdisSetTimer((PNDIS_TIMER)&timer, 100);
-        BOOLEAN cancelled = 2;
-        for (uint64_t t = 1; t <= 200; t++) {
-            kplat::AdvanceTime(1);
-            if (t == c.againAt) NdisSetTimer((PNDIS_TIMER)&timer, 100);
-            if (t == c.cancelAt) NdisMCancelTimer(&timer, &cancelled);
-        }
-        EXPECT_EQ(c.firedAt ? (start + c.firedAt) * 10 + DISPATCH_LEVEL : 0, fired);
-        EXPECT_EQ(c.cancelAt ? c.cancelled : 2, cancelled);
-    }
-}
-
 TEST_F(Ndis, ConfigurationComesFromTheAdapterKey) {
     ASSERT_EQ(STATUS_SUCCESS, kplat::RegistryLoadText("[" + kKey + "]\n\"Dword\"=dword:00000010\n\"Dec\"=\"1000\"\n"
                                                       "\"Hex\"=\"ff\"\n\"Bad\"=\"12x\"\n\"Name\"=\"ncm 1\"\n"
@@ -203,48 +173,6 @@ TEST_F(Ndis, ConfigurationComesFromTheAdapterKey) {
     Up(failing);
     NdisOpenConfiguration(&status, &config, gFake.config);
     EXPECT_EQ(NDIS_STATUS_RESOURCES, status);
-}
-
-TEST_F(Ndis, PacketsCarryTheirBytesInTheLayoutAsked) {
-    Up();
-    std::vector<uint8_t> frame(1514);
-    for (size_t i = 0; i < frame.size(); i++) frame[i] = (uint8_t)(i * 7);
-    struct Case { size_t length; std::vector<UINT> splits; bool unmapped, validCounts; UINT buffers; } cases[] = {
-        {1514, {}, false, true, 1},       {60, {14}, false, false, 2},     {60, {14, 0, 6}, true, true, 4},
-        {14, {14}, true, false, 2},       {1514, {1, 1, 1}, false, true, 4},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        PNDIS_PACKET packet = adapter->AllocatePacket(frame.data(), c.length, {c.splits, c.unmapped, c.validCounts});
-        EXPECT_EQ(c.validCounts, packet->Private.ValidCounts != 0);
-        UINT buffers, total;
-        PNDIS_BUFFER buffer;
-        NdisQueryPacket(packet, nullptr, &buffers, &buffer, &total);
-        EXPECT_EQ(c.buffers, buffers);
-        EXPECT_EQ(c.length, total);
-        std::vector<uint8_t> bytes;
-        for (; buffer != nullptr; NdisGetNextBuffer(buffer, &buffer)) {
-            PVOID va;
-            UINT n;
-            NdisQueryBufferSafe(buffer, &va, &n, 16);
-            EXPECT_TRUE(buffer->MdlFlags & (c.unmapped ? MDL_MAPPED_TO_SYSTEM_VA : MDL_SOURCE_IS_NONPAGED_POOL));
-            bytes.insert(bytes.end(), (uint8_t*)va, (uint8_t*)va + n);
-        }
-        EXPECT_EQ(std::vector<uint8_t>(frame.begin(), frame.begin() + c.length), bytes);
-        // MiniportReserved stays the miniport's until the completion.
-        std::vector<uint8_t> reserved;
-        adapter->OnSendComplete([&](PNDIS_PACKET p, NDIS_STATUS) {
-            reserved.assign(p->MiniportReserved, p->MiniportReserved + 16);
-        });
-        adapter->Send(&packet, 1);
-        EXPECT_EQ(1u, adapter->PacketsOutstanding());
-        NdisMSendComplete(gFake.handle, packet, NDIS_STATUS_SUCCESS);
-        EXPECT_EQ(std::vector<uint8_t>(16, 0xA5), reserved);
-        EXPECT_EQ(bytes, kplat::NdisAdapter::PacketBytes(packet));
-        adapter->FreePacket(packet);
-    }
-    EXPECT_EQ(5u, adapter->PacketsCompletedWith(NDIS_STATUS_SUCCESS));
-    EXPECT_EQ(0u, adapter->PacketsOutstanding());
 }
 
 TEST_F(Ndis, AdapterArrivesChecksForHangsAndLeavesBySurprise) {
