@@ -91,6 +91,7 @@ TEST(Init, TakesRepairsOrRefusesWhatTheDeviceReports)
 TEST(Init, ExitGivesTheConfigurationUp)
 {
     Bed bed(Control());
+    ASSERT_EQ(bed.BringUpStatus(), STATUS_SUCCESS);
     UCHAR mac[6];
     ASSERT_TRUE(bed.Cont().GetMacAddress(mac));
     EXPECT_EQ(0, memcmp(mac, DeviceProfile().macAddress.data(), 6));
