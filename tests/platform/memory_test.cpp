@@ -102,37 +102,4 @@ TEST_F(Pool, FreeingWithAnotherTagIsACheckFailureAndKeepsTheBlock) {
     ExFreePoolWithTag(p, tag);
 }
 
-PHYSICAL_ADDRESS Phys(LONGLONG v) {
-    PHYSICAL_ADDRESS a;
-    a.QuadPart = v;
-    return a;
-}
-
-TEST_F(Pool, PagesForMdlAreZeroedLockedAndMapOnDemand) {
-    kplat::PoolTagStats pagesBefore = kplat::GetPoolTagStats(MakeTag("Page"));
-    const SIZE_T size = 3 * PAGE_SIZE + 10;
-    PMDL mdl = MmAllocatePagesForMdl(Phys(0), Phys(0xFFFFF000), Phys(0), size);
-    ASSERT_NE(nullptr, mdl);
-    EXPECT_EQ(size, MmGetMdlByteCount(mdl));
-    EXPECT_TRUE(mdl->MdlFlags & MDL_PAGES_LOCKED);
-    EXPECT_FALSE(mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL));
-    EXPECT_EQ(pagesBefore.liveBytes + 4 * PAGE_SIZE, kplat::GetPoolTagStats(MakeTag("Page")).liveBytes);
-
-    auto* va = (PUCHAR)MmGetSystemAddressForMdlSafe(mdl, LowPagePriority);
-    ASSERT_NE(nullptr, va);
-    EXPECT_EQ(0u, BYTE_OFFSET(va));
-    EXPECT_TRUE(mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA);
-    EXPECT_EQ(va, MmGetSystemAddressForMdlSafe(mdl, LowPagePriority));  // the same mapping again
-    for (SIZE_T i = 0; i < size; i++) ASSERT_EQ(0, va[i]) << i;
-    memset(va, 0xA5, size);
-    PPFN_NUMBER pfn = MmGetMdlPfnArray(mdl);
-    for (ULONG i = 0; i < 4; i++) EXPECT_EQ(((ULONG_PTR)va >> PAGE_SHIFT) + i, pfn[i]);
-
-    MmUnmapLockedPages(va, mdl);
-    EXPECT_FALSE(mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA);
-    MmFreePagesFromMdl(mdl);
-    EXPECT_EQ(pagesBefore.liveBytes, kplat::GetPoolTagStats(MakeTag("Page")).liveBytes);
-    IoFreeMdl(mdl);
-}
-
 }  // namespace

@@ -86,38 +86,6 @@ TEST_F(Dispatcher, TimerFiresExactlyAtItsDeadline) {
     EXPECT_FALSE(KeCancelTimer(&timer));  // no longer pending
 }
 
-TEST_F(Dispatcher, NewSettingReplacesPendingTimer) {
-    Trace trace;
-    KDPC dpc;
-    KTIMER timer;
-    KeInitializeDpc(&dpc, RecordDpc, &trace);
-    KeInitializeTimer(&timer);
-    KeSetTimer(&timer, RelativeMs(100), &dpc);
-    EXPECT_TRUE(KeSetTimer(&timer, RelativeMs(5000), &dpc));
-    kplat::AdvanceTime(4999);
-    EXPECT_TRUE(trace.order.empty());
-    kplat::AdvanceTime(10000);
-    EXPECT_EQ(trace.atMs, (std::vector<uint64_t>{5000}));
-}
-
-TEST_F(Dispatcher, EqualDeadlinesExpireInSettingOrder) {
-    Trace trace;
-    KDPC dpc[4];
-    KTIMER timer[4];
-    const int setOrder[4] = {2, 0, 3, 1};
-    for (int i = 0; i < 4; ++i) {
-        KeInitializeDpc(&dpc[i], [](PKDPC d, PVOID ctx, PVOID, PVOID) {
-            auto* t = (Trace*)ctx;
-            t->order.push_back((int)(intptr_t)d->Importance);
-        }, &trace);
-        dpc[i].Importance = (UCHAR)i;
-        KeInitializeTimer(&timer[i]);
-    }
-    for (int i : setOrder) KeSetTimer(&timer[i], RelativeMs(20), &dpc[i]);
-    kplat::AdvanceTime(20);
-    EXPECT_EQ(trace.order, (std::vector<int>{2, 0, 3, 1}));
-}
-
 struct WorkLog {
     std::vector<int> order;
     std::vector<KIRQL> irql;
