@@ -307,6 +307,35 @@ TEST(Streams, RestartsQueuedBeforeAStopDoNothing)
     }
 }
 
+// The stream's mutex, for a test that holds it as a running Stop would.
+struct StreamMutex : StreamIn {
+    static KnMutex& Of(StreamIn& s)
+    {
+        KnMutex Stream::*mutex = &StreamMutex::mMutex;
+        return s.*mutex;
+    }
+};
+
+TEST(Streams, ARestartWaitingForTheMutexWhenTheOwnerStopsDoesNothing)
+{
+    Bed bed(OneRead());
+    StreamIn& in = Peer::InStream(bed.Cont());
+    KnMutex& mutex = StreamMutex::Of(in);
+    mutex.Lock();
+    in.ScheduleRestart();
+    kplat::RunUntilIdle();
+    ASSERT_EQ(in.GetRestartQueuedCount(), 1u) << "the restart runs and waits for the mutex";
+    in.Stop();
+    mutex.Unlock();
+    kplat::RunUntilIdle();
+    EXPECT_FALSE(bed.Traced("[StreamIN82::Restart\n"));
+    EXPECT_FALSE(in.IsStreamEnabled());
+    EXPECT_EQ(in.GetPendingCount(), 0u);
+    ASSERT_EQ(in.Start(false), STATUS_SUCCESS);
+    kplat::RunUntilIdle();
+    EXPECT_EQ(in.GetPendingCount(), 1u) << "the owner's next start runs the stream";
+}
+
 TEST(Streams, FailedRestartsAreRetriedUntilTrafficFlows)
 {
     for (uint32_t stalls : {1u, 2u}) {

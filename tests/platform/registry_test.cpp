@@ -10,7 +10,6 @@
 namespace {
 
 const char kService[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
-const char16_t kServiceW[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
 
 class Registry : public ::testing::Test {
 protected:
