@@ -194,6 +194,10 @@ public:
         std::string extra = traits.registryText;
         for (size_t at; (at = extra.find("%ADAPTER%")) != std::string::npos;) extra.replace(at, 9, AdapterKey());
         kplat::RegistryLoadText(text + extra);
+        if (traits.layer != Layer::Adapter) {
+            mDriverObject = kplat::CreateDriverObject(u"\\Driver\\ethbrg");
+            IoCreateDevice(mDriverObject, 0, NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &mFdo);
+        }
         if (traits.layer == Layer::Platform) return;
 
         mBus.reset(new kplat::UsbBus());
@@ -208,8 +212,6 @@ public:
         mLower.SetDeviceObject(mBus->Pdo());
         mLower.SetPhysicalDeviceObject(mBus->Pdo());
         if (traits.layer == Layer::Control) {
-            mDriverObject = kplat::CreateDriverObject(u"\\Driver\\ethbrg");
-            IoCreateDevice(mDriverObject, 0, NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &mFdo);
             SetConfig(traits.params);
             if (traits.plug && NT_SUCCESS(mBringUpStatus = Init()) && NT_SUCCESS(mBringUpStatus = mCont->Start())) {
                 mStarted = true;
@@ -401,7 +403,7 @@ public:
     ethsim::Loopback& Loopback() { return mLoopback; }
     ethsim::FrameCapture& Network() { return mCapture; }
     KnPnPLowerDeviceUsb& Lower() { return mLower; }
-    PDEVICE_OBJECT Fdo() const { return mFdo; }
+    PDEVICE_OBJECT Fdo() const { return mFdo; }  // a device object of the bed's driver object (not Layer::Adapter)
 
 private:
     Traits mTraits;

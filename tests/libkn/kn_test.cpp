@@ -110,19 +110,10 @@ struct Runs {
     }
 };
 
-PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT* driver)
-{
-    *driver = kplat::CreateDriverObject(u"\\Driver\\kntest");
-    PDEVICE_OBJECT device = nullptr;
-    IoCreateDevice(*driver, 0, NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
-    return device;
-}
-
 TEST(WorkItem, RunsOnceAtPassiveFoldsSchedulesAndCancels)
 {
     Bed bed(Platform());
-    PDRIVER_OBJECT driver;
-    PDEVICE_OBJECT device = NewDevice(&driver);
+    PDEVICE_OBJECT device = bed.Fdo();
     Runs r;
     {
         KnWorkItemEx item;
@@ -150,15 +141,12 @@ TEST(WorkItem, RunsOnceAtPassiveFoldsSchedulesAndCancels)
         kplat::ClearFaults();
         item.CancelCallbackAndWait();
     }
-    IoDeleteDevice(device);
-    kplat::DeleteDriverObject(driver);
 }
 
 TEST(TimedWorkItem, RunsWhenDueAndCancelOrRescheduleReplace)
 {
     Bed bed(Platform());
-    PDRIVER_OBJECT driver;
-    PDEVICE_OBJECT device = NewDevice(&driver);
+    PDEVICE_OBJECT device = bed.Fdo();
     Runs r;
     {
         KnTimedWorkItemEx item;
@@ -182,8 +170,6 @@ TEST(TimedWorkItem, RunsWhenDueAndCancelOrRescheduleReplace)
         EXPECT_EQ(r.runs.size(), 2u);
         item.CancelTimedWorkItemAndWait();
     }
-    IoDeleteDevice(device);
-    kplat::DeleteDriverObject(driver);
 }
 
 struct Fired {
