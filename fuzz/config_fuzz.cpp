@@ -27,6 +27,7 @@
 #include "devicecontncm_ackdevice.h"
 #include "devicecontncm_peer.h"
 #include "knpooltags.h"
+#include "fuzz_setup.h"
 #include "kntrace.h"
 
 namespace {
@@ -53,29 +54,13 @@ public:
     ULONG GetMulticastList(ULONG, UCHAR*) override { return 0; }
 };
 
-PDRIVER_OBJECT gDriver;
 PDEVICE_OBJECT gFdo;
-
-// At exit: the device objects go while the stand-in still runs, then the
-// stand-in.
-void Shutdown()
-{
-    IoDeleteDevice(gFdo);
-    kplat::DeleteDriverObject(gDriver);
-    kplat::Stop();
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    kplat::Start();
-    atexit(Shutdown);
-    kplat::SetDebugSinkCallback([](const char*) {});
-    KnSetTracePrefix("ethbrg");
-    KnSetTraceMask(KN_TRACE_ERROR | KN_TRACE_INFO | KN_TRACE_START);
-    gDriver = kplat::CreateDriverObject(u"\\Driver\\ethbrg");
-    IoCreateDevice(gDriver, 0, NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &gFdo);
+    gFdo = fuzzsetup::Start(KN_TRACE_ERROR | KN_TRACE_INFO | KN_TRACE_START, nullptr, true);
     return 0;
 }
 

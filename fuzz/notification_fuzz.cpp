@@ -18,6 +18,7 @@
 
 #include "devicecontbase.h"
 #include "knpooltags.h"
+#include "fuzz_setup.h"
 #include "kntrace.h"
 
 namespace {
@@ -112,19 +113,14 @@ void Shutdown()
 {
     delete gCont;
     delete gNotify;
-    kplat::Stop();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    kplat::Start();
-    atexit(Shutdown);
-    kplat::SetDebugSinkCallback([](const char*) {});
-    KnSetTracePrefix("ethbrg");
     // Every trace of the decoder and its hex dumps run too.
-    KnSetTraceMask(KN_TRACE_ERROR | KN_TRACE_INFO);
+    fuzzsetup::Start(KN_TRACE_ERROR | KN_TRACE_INFO, Shutdown);
     gNotify = new FuzzNotify();
     gCont = new (NonPagedPool, KN_POOL_TAG_NCM) FuzzDeviceCont(gNotify);
     CHECK(gCont != NULL);

@@ -37,6 +37,7 @@
 #include "devicecontncm_harness.h"
 #include "devicecontncm_peer.h"
 #include "knpooltags.h"
+#include "fuzz_setup.h"
 #include "kntrace.h"
 #include "ntb_reference.h"
 
@@ -87,32 +88,21 @@ private:
 uint32_t Le16(const uint8_t* p) { return (uint32_t)p[0] | (uint32_t)p[1] << 8; }
 uint32_t Le32(const uint8_t* p) { return Le16(p) | Le16(p + 2) << 16; }
 
-PDRIVER_OBJECT gDriver;
 PDEVICE_OBJECT gFdo;
 NcmRxHarness* gParser[2];
 
-// At exit: the parsers and device objects go while the stand-in still runs,
-// then the stand-in.
+// At exit: the parsers go while the stand-in still runs.
 void Shutdown()
 {
     delete gParser[0];
     delete gParser[1];
-    IoDeleteDevice(gFdo);
-    kplat::DeleteDriverObject(gDriver);
-    kplat::Stop();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    kplat::Start();
-    atexit(Shutdown);
-    kplat::SetDebugSinkCallback([](const char*) {});
-    KnSetTracePrefix("ethbrg");
-    KnSetTraceMask(KN_TRACE_ERROR);
-    gDriver = kplat::CreateDriverObject(u"\\Driver\\ethbrg");
-    IoCreateDevice(gDriver, 0, NULL, FILE_DEVICE_UNKNOWN, 0, FALSE, &gFdo);
+    gFdo = fuzzsetup::Start(KN_TRACE_ERROR, Shutdown, true);
     gParser[0] = new NcmRxHarness(false, 65535, 2);
     gParser[1] = new NcmRxHarness(true, 256000, 2);
     return 0;

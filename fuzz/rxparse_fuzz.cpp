@@ -24,6 +24,7 @@
 
 #include "devicecontncm_harness.h"
 #include "devicecontncm_peer.h"
+#include "fuzz_setup.h"
 #include "kntrace.h"
 #include "ntb_reference.h"
 
@@ -67,23 +68,18 @@ void CheckOne(NcmRxHarness& h, const uint8_t* data, size_t size, ntbref::Form fo
     }
 }
 
-// At exit: the harnesses go while the stand-in still runs, then the stand-in.
+// At exit: the harnesses go while the stand-in still runs.
 void Shutdown()
 {
     delete gHarness[0];
     delete gHarness[1];
-    kplat::Stop();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    kplat::Start();
-    atexit(Shutdown);
-    kplat::SetDebugSinkCallback([](const char*) {});
-    KnSetTracePrefix("ethbrg");
-    KnSetTraceMask(KN_TRACE_ERROR);  // the traces and their hex dumps run too
+    fuzzsetup::Start(KN_TRACE_ERROR, Shutdown);  // the traces and their hex dumps run too
     gHarness[0] = new NcmRxHarness(false, kBufferSize);
     gHarness[1] = new NcmRxHarness(true, kBufferSize);
     return 0;

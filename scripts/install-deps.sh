@@ -8,7 +8,7 @@ packages=(
   libpcap-dev nlohmann-json3-dev libcli11-dev liburing-dev pkg-config
   libusb-1.0-0-dev qemu-system-x86 busybox-static
   iproute2 iperf3
-  mingw-w64-common tshark python3
+  mingw-w64-common tshark python3 cloc
   g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64
 )
 missing=()

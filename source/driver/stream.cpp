@@ -83,6 +83,35 @@ void Stream::ReclaimBuffers()
     }
 }
 
+// Contract: PASSIVE_LEVEL; mMutex held.
+NTSTATUS Stream::ConfigureBase(const char* className, KnPnPLowerDeviceUsb* lowerDevice,
+                               KnUsbConfiguration* configuration, UCHAR endpointAddress, PDEVICE_OBJECT deviceObject,
+                               ULONG bufferCount, ULONG bufferSize)
+{
+    IRQL_EQ_PASSIVE();
+    // The buffers a timed-out drain left with the bus (on the pipe as it was
+    // connected) are freed below only once they are back.
+    ReclaimBuffers();
+    mEndpointAddress = endpointAddress;
+
+    // Refused while the pipe is enabled; the mode then stays as it was.
+    (void)SetBufferCompletionMode(false, deviceObject);
+
+    NTSTATUS status = Connect(lowerDevice, configuration, endpointAddress);
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P %s::Configure, failed for EP:%d %N\n", className, endpointAddress, status);
+        return status;
+    }
+
+    mBufPool.FreeAll();
+    status = mBufPool.Allocate(bufferCount, bufferSize, lowerDevice->GetStackSize());
+    if (!NT_SUCCESS(status)) {
+        KN_TRACE(KN_TRACE_ERROR, "%P %s::Configure, allocate failed for EP:%d %N\n", className, endpointAddress,
+                 status);
+    }
+    return status;
+}
+
 // Contract: PASSIVE_LEVEL; not from the restart work items.
 void Stream::Shutdown()
 {

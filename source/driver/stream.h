@@ -101,6 +101,15 @@ protected:
     // and for the buffers still with the bus.
     void Shutdown();
 
+    // Contract: PASSIVE_LEVEL; mMutex held. What Configure does in both
+    // directions: reclaims the buffers a timed-out drain left with the bus,
+    // sets the completion mode, connects the pipe to the endpoint and fills
+    // mBufPool with bufferCount buffers of bufferSize bytes. Failures are
+    // traced under className ("StreamIn", "StreamOut").
+    NTSTATUS ConfigureBase(const char* className, KnPnPLowerDeviceUsb* lowerDevice,
+                           KnUsbConfiguration* configuration, UCHAR endpointAddress, PDEVICE_OBJECT deviceObject,
+                           ULONG bufferCount, ULONG bufferSize);
+
     // Contract: any IRQL. Single atomic accesses to the flags.
     void SetEnabled(bool enabled) { __atomic_store_n(&mEnabled, (UCHAR)(enabled ? 1 : 0), __ATOMIC_RELEASE); }
     void SetDeviceRemoved() { __atomic_store_n(&mDeviceRemoved, (UCHAR)1, __ATOMIC_RELEASE); }

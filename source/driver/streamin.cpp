@@ -22,28 +22,10 @@ NTSTATUS StreamIn::Configure(KnPnPLowerDeviceUsb* lowerDevice, KnUsbConfiguratio
 {
     IRQL_EQ_PASSIVE();
     KnMutexGuard guard(mMutex);
-    // The buffers a timed-out drain left with the bus (on the pipe as it was
-    // connected) are freed below only once they are back.
-    ReclaimBuffers();
-    mEndpointAddress = endpointAddress;
     mClient.mIn = client;
     __atomic_store_n(&mReadSize, bufferSize, __ATOMIC_RELEASE);
-
-    // Refused while the pipe is enabled; the mode then stays as it was.
-    (void)SetBufferCompletionMode(false, deviceObject);
-
-    NTSTATUS status = Connect(lowerDevice, configuration, endpointAddress);
-    if (!NT_SUCCESS(status)) {
-        KN_TRACE(KN_TRACE_ERROR, "%P StreamIn::Configure, failed for EP:%d %N\n", endpointAddress, status);
-        return status;
-    }
-
-    mBufPool.FreeAll();
-    status = mBufPool.Allocate(bufferCount, bufferSize, lowerDevice->GetStackSize());
-    if (!NT_SUCCESS(status)) {
-        KN_TRACE(KN_TRACE_ERROR, "%P StreamIn::Configure, allocate failed for EP:%d %N\n", endpointAddress, status);
-    }
-    return status;
+    return ConfigureBase("StreamIn", lowerDevice, configuration, endpointAddress, deviceObject, bufferCount,
+                         bufferSize);
 }
 
 // Contract: PASSIVE_LEVEL; takes mMutex, then mLock.

@@ -24,30 +24,16 @@ NTSTATUS StreamOut::Configure(KnPnPLowerDeviceUsb* lowerDevice, KnUsbConfigurati
 {
     IRQL_EQ_PASSIVE();
     KnMutexGuard guard(mMutex);
-    // The buffers a timed-out drain left with the bus (on the pipe as it was
-    // connected) are freed below only once they are back.
-    ReclaimBuffers();
-    mEndpointAddress = endpointAddress;
     mClient.mOut = client;
-
-    // Refused while the pipe is enabled; the mode then stays as it was.
-    (void)SetBufferCompletionMode(false, deviceObject);
-
-    NTSTATUS status = Connect(lowerDevice, configuration, endpointAddress);
+    NTSTATUS status = ConfigureBase("StreamOut", lowerDevice, configuration, endpointAddress, deviceObject,
+                                    bufferCount, bufferSize);
     if (!NT_SUCCESS(status)) {
-        KN_TRACE(KN_TRACE_ERROR, "%P StreamOut::Configure, failed for EP:%d %N\n", endpointAddress, status);
         return status;
     }
-
-    mBufPool.FreeAll();
-    mZlpPool.FreeAll();
-    const UCHAR stackSize = lowerDevice->GetStackSize();
-    status = mBufPool.Allocate(bufferCount, bufferSize, stackSize);
-    if (!NT_SUCCESS(status)) {
-        KN_TRACE(KN_TRACE_ERROR, "%P StreamOut::Configure, allocate failed for EP:%d %N\n", endpointAddress, status);
-        return status;
-    }
-    status = mZlpPool.Allocate(bufferCount + 1, 1, stackSize);
+    mZlpPool.FreeAll();  // after ConfigureBase: none of them is with the bus any more
+    // One zero-length packet buffer more than data buffers: each data
+    // buffer may need one, and one may still be on its way back.
+    status = mZlpPool.Allocate(bufferCount + 1, 1, lowerDevice->GetStackSize());
     if (!NT_SUCCESS(status)) {
         mBufPool.FreeAll();
         KN_TRACE(KN_TRACE_ERROR, "%P StreamOut::Configure, allocate failed for EP:%d %N\n", endpointAddress, status);

@@ -101,26 +101,17 @@ void KnTimedWorkItemEx::InternalWorkItemRoutine(PDEVICE_OBJECT DeviceObject, PVO
         return;
     }
 
-    KnSpinLockGuard guard(&This->mLock);
-    PKN_WORKITEM_CALLBACK callback = This->mRunCallback;
-    PVOID context = This->mRunContext;
-    PVOID argument = This->mRunArgument;
-    This->mRunCallback = NULL;
-    if (This->mWorkItem != NULL) {
-        IoFreeWorkItem(This->mWorkItem);
-        This->mWorkItem = NULL;
-    } else {
-        KN_ASSERT(0);
-    }
-    guard.Unlock();
-
-    if (callback != NULL) {
-        IRQL_EQ_PASSIVE();
-        callback(DeviceObject, context, argument);
-    }
-
-    // Last touch of the object: a waiter that sees 0 may destroy it.
-    This->mQueuedCounter.Decrement();
+    KnRunWorkItem(DeviceObject, &This->mLock, &This->mQueuedCounter, [This]() {
+        KnWorkRun run = {This->mRunCallback, This->mRunContext, This->mRunArgument};
+        This->mRunCallback = NULL;
+        if (This->mWorkItem != NULL) {
+            IoFreeWorkItem(This->mWorkItem);
+            This->mWorkItem = NULL;
+        } else {
+            KN_ASSERT(0);
+        }
+        return run;
+    });
 }
 
 // Contract: IRQL <= DISPATCH_LEVEL; takes mLock.

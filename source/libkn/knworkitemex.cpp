@@ -66,28 +66,19 @@ void KnWorkItemEx_InternalWorkItemRoutine(PDEVICE_OBJECT DeviceObject, PVOID Con
         return;
     }
 
-    KnSpinLockGuard guard(&This->mLock);
-    PKN_WORKITEM_CALLBACK callback = This->mCallback;
-    PVOID context = This->mContext;
-    PVOID argument = This->mArgument;
-    This->mCallback = NULL;
-
-    if (This->mWorkItem != NULL) {
-        KN_ASSERT(This->mDeviceObject==DeviceObject);
-        IoFreeWorkItem(This->mWorkItem);
-        This->mWorkItem = NULL;
-        This->mDeviceObject = NULL;
-    } else {
-        KN_TRACE(KN_TRACE_ERROR, "%P:KnWorkItemEx_InternalWorkItemRoutine: FATAL: no work item\n");
-    }
-    guard.Unlock();
-
-    if (callback != NULL) {
-        callback(DeviceObject, context, argument);
-    }
-
-    // Last touch of the object: a waiter that sees 0 may destroy it.
-    This->mQueuedCounter.Decrement();
+    KnRunWorkItem(DeviceObject, &This->mLock, &This->mQueuedCounter, [This, DeviceObject]() {
+        KnWorkRun run = {This->mCallback, This->mContext, This->mArgument};
+        This->mCallback = NULL;
+        if (This->mWorkItem != NULL) {
+            KN_ASSERT(This->mDeviceObject==DeviceObject);
+            IoFreeWorkItem(This->mWorkItem);
+            This->mWorkItem = NULL;
+            This->mDeviceObject = NULL;
+        } else {
+            KN_TRACE(KN_TRACE_ERROR, "%P:KnWorkItemEx_InternalWorkItemRoutine: FATAL: no work item\n");
+        }
+        return run;
+    });
 }
 
 // Contract: IRQL <= DISPATCH_LEVEL; takes mLock.

@@ -7,10 +7,10 @@
 
 #include "KnMutex.h"
 #include "KnSpinlock.h"
+#include "knworkrun.h"
 
 // Callback of the work item classes: the device object the work item was
 // allocated for, and the context and argument given when scheduling.
-typedef void (*PKN_WORKITEM_CALLBACK)(PDEVICE_OBJECT DeviceObject, PVOID Context, PVOID Argument);
 
 class KnWorkItemEx {
 public:

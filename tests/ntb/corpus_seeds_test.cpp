@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "devicecontncm_harness.h"
 #include "ntb_reference.h"
+#include "testbed.h"
 
 using namespace ntbref;
 
@@ -105,6 +107,49 @@ TEST(NtbCorpus, RoundTripSeedsArePresent)
         ASSERT_FALSE(bytes.empty()) << name;
         EXPECT_EQ(bytes[0] & 0x80, 0x80) << name;
     }
+}
+
+
+
+// The driver's parser rejects each rejected seed for the reference's reason,
+// as its trace says (the outcome alone would hide a check that is skipped
+// when a later one catches the same transfer).
+TEST(NtbCorpus, TheDriverRejectsForTheReferencesReason)
+{
+    const std::pair<Reason, const char*> texts[] = {
+        {Reason::InvalidLength, "EnumeratorFromBuffer: invalid length"},
+        {Reason::InvalidNthSignature, "EnumeratorFromBuffer: invalid NTH signature"},
+        {Reason::NdpNotInBuffer, " not in buffer\n"},
+        {Reason::InvalidTableLength, "invalid table len"},
+        {Reason::NdpNotComplete, "not complete in buffer"},
+        {Reason::EmptyNdp, "empty NTP"},
+        {Reason::NoZeroTermination, "no zero termination"},
+        {Reason::InvalidContent, "invalid content"},
+        {Reason::DatagramNotInBuffer, "datagram not in buffer"},
+    };
+    testbed::Traits t;
+    t.layer = testbed::Layer::Platform;
+    t.traceMask = KN_TRACE_ERROR;
+    testbed::Bed bed(t);
+    size_t checked = 0;
+    for (const Seed& seed : kSeeds) {
+        if (seed.outcome != Outcome::Rejected) continue;
+        std::vector<uint8_t> bytes = ReadSeed(std::string(ETHBRG_FUZZ_CORPUS_DIR) + "/ntbref/" + seed.name);
+        // An empty transfer goes back unread; the driver follows chains forward only.
+        if (bytes.size() < 2 || (bytes[0] & 0x02) != 0) continue;
+        const bool ntb32 = (bytes[0] & 0x01) != 0;
+        NcmRxHarness harness(ntb32, ntb32 ? 256000 : 65535, 1);
+        bed.TakeTrace();
+        ASSERT_TRUE(harness.Feed(bytes.data() + 1, (ULONG)bytes.size() - 1)) << seed.name;
+        EXPECT_EQ(harness.datagramCount, 0u) << seed.name;
+        for (const auto& text : texts) {
+            if (text.first == seed.reason) {
+                EXPECT_TRUE(bed.Traced(text.second)) << seed.name << ": " << bed.TakeTrace();
+            }
+        }
+        checked++;
+    }
+    EXPECT_GT(checked, 15u);
 }
 
 }  // namespace

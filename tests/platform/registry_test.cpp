@@ -10,7 +10,6 @@
 namespace {
 
 const char kService[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
-const char16_t kServiceW[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\ethbrg";
 
 class Registry : public ::testing::Test {
 protected:
@@ -45,14 +44,6 @@ protected:
     uint64_t mHandlesBefore = 0;
 };
 
-TEST_F(Registry, OpenOfMissingKeyFails) {
-    HANDLE key = (HANDLE)1;
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Open(u"\\Registry\\Machine\\System\\Missing", KEY_READ, &key));
-    EXPECT_EQ(nullptr, key);
-    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, Open(u"Registry\\Machine", KEY_READ, &key));
-    EXPECT_EQ(mHandlesBefore, kplat::GetObjectCounts().keyHandles);
-}
-
 TEST_F(Registry, CreateMakesTheKeysOnTheWayAndTellsWhetherItWasNew) {
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, u"\\Registry\\Machine\\Software\\Vendor\\Product");
@@ -75,39 +66,6 @@ TEST_F(Registry, CreateMakesTheKeysOnTheWayAndTellsWhetherItWasNew) {
     HANDLE vendor;
     EXPECT_EQ(STATUS_SUCCESS, Open(u"\\Registry\\Machine\\Software\\Vendor", KEY_READ, &vendor));
     ZwClose(vendor);
-}
-
-TEST_F(Registry, KeyOpenedForReadingRefusesWrites) {
-    HANDLE key;
-    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_READ, &key));
-    EXPECT_EQ(STATUS_ACCESS_DENIED, SetDword(key, u"TraceMask", 0xFF));
-    EXPECT_EQ(STATUS_ACCESS_DENIED, SetDword(key, u"NewValue", 1));
-    ZwClose(key);
-    uint32_t mask = 0;
-    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &mask));
-    EXPECT_EQ(3u, mask);
-    EXPECT_FALSE(kplat::RegistryGetDword(kService, "NewValue", &mask));
-
-    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_WRITE, &key));
-    EXPECT_EQ(STATUS_SUCCESS, SetDword(key, u"TraceMask", 0xFF));
-    ZwClose(key);
-    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &mask));
-    EXPECT_EQ(0xFFu, mask);
-}
-
-TEST_F(Registry, OperationsAbovePassiveLevelAreCheckFailures) {
-    kplat::CheckRecorder recorder;
-    HANDLE key = (HANDLE)1;
-    KIRQL old;
-    KeRaiseIrql(DISPATCH_LEVEL, &old);
-    NTSTATUS status = Open(kServiceW, KEY_READ, &key);
-    KeLowerIrql(old);
-    EXPECT_FALSE(NT_SUCCESS(status));
-    EXPECT_EQ(nullptr, key);
-    std::vector<kplat::CheckFailure> failures = recorder.Take();
-    ASSERT_EQ(1u, failures.size());
-    EXPECT_EQ((ULONG)IRQL_NOT_LESS_OR_EQUAL, failures[0].code);
-    EXPECT_EQ(mHandlesBefore, kplat::GetObjectCounts().keyHandles);
 }
 
 // ---------------------------------------------------------------------------
@@ -155,84 +113,6 @@ TEST_F(Query, RoutineGetsValueWithContexts) {
     EXPECT_EQ(&entryContext, gDelivered[0].entryContext);
 }
 
-TEST_F(Query, RequiredValueThatIsMissingFails) {
-    mTable[0].QueryRoutine = Record;
-    mTable[0].Flags = RTL_QUERY_REGISTRY_REQUIRED;
-    mTable[0].Name = (PWSTR)u"Missing";
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
-              RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
-    EXPECT_TRUE(gDelivered.empty());
-
-    // Not required and no default: skipped, success.
-    mTable[0].Flags = 0;
-    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
-    EXPECT_TRUE(gDelivered.empty());
-
-    // Not required, with a default: the default is delivered.
-    ULONG def = 9;
-    mTable[0].DefaultType = REG_DWORD;
-    mTable[0].DefaultData = &def;
-    mTable[0].DefaultLength = sizeof def;
-    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, kServiceW, mTable, nullptr, nullptr));
-    ASSERT_EQ(1u, gDelivered.size());
-    EXPECT_EQ((std::vector<uint8_t>{9, 0, 0, 0}), gDelivered[0].data);
-}
-
-TEST_F(Query, StringStoredWithoutTerminatorIsDeliveredWithOne) {
-    HANDLE key;
-    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_ALL_ACCESS, &key));
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"Bare");
-    ASSERT_EQ(STATUS_SUCCESS, ZwSetValueKey(key, &name, 0, REG_SZ, (PVOID)u"abc", 6));
-    mTable[0].QueryRoutine = Record;
-    mTable[0].Name = (PWSTR)u"Bare";
-    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)key, mTable, nullptr, nullptr));
-    ZwClose(key);
-    ASSERT_EQ(1u, gDelivered.size());
-    ASSERT_EQ(8u, gDelivered[0].data.size());
-    EXPECT_EQ(0, memcmp(u"abc", gDelivered[0].data.data(), 8));
-}
-
-TEST_F(Query, DirectStoresADword) {
-    ULONG mask = 0;
-    mTable[0].Flags = RTL_QUERY_REGISTRY_DIRECT;
-    mTable[0].Name = (PWSTR)u"TraceMask";
-    mTable[0].EntryContext = &mask;
-    EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
-    EXPECT_EQ(3u, mask);
-
-    mTable[0].Name = (PWSTR)u"Name";
-    EXPECT_EQ(STATUS_OBJECT_TYPE_MISMATCH,
-              RtlQueryRegistryValues(RTL_REGISTRY_SERVICES, u"ethbrg", mTable, nullptr, nullptr));
-    EXPECT_EQ(3u, mask);
-}
-
-// The routine rewrites the value it is reading: it must get a copy, and the
-// registry must not be locked against it.
-HANDLE gWriteKey;
-NTSTATUS RewriteWhileQueried(PWSTR name, ULONG type, PVOID data, ULONG length, PVOID, PVOID) {
-    EXPECT_EQ((ULONG)REG_DWORD, type);
-    EXPECT_EQ(4u, length);
-    UNICODE_STRING n;
-    RtlInitUnicodeString(&n, name);
-    ULONG value = 0x77;
-    EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(gWriteKey, &n, 0, REG_DWORD, &value, sizeof value));
-    EXPECT_EQ(3u, *(ULONG*)data);  // still the value as it was read
-    return STATUS_SUCCESS;
-}
-
-TEST_F(Query, RoutineMayWriteTheRegistry) {
-    ASSERT_EQ(STATUS_SUCCESS, Open(kServiceW, KEY_ALL_ACCESS, &gWriteKey));
-    mTable[0].QueryRoutine = RewriteWhileQueried;
-    mTable[0].Name = (PWSTR)u"TraceMask";
-    EXPECT_EQ(STATUS_SUCCESS,
-              RtlQueryRegistryValues(RTL_REGISTRY_HANDLE, (PCWSTR)gWriteKey, mTable, nullptr, nullptr));
-    ZwClose(gWriteKey);
-    uint32_t v = 0;
-    EXPECT_TRUE(kplat::RegistryGetDword(kService, "TraceMask", &v));
-    EXPECT_EQ(0x77u, v);
-}
-
 // ---------------------------------------------------------------------------
 // Text format and direct access
 // ---------------------------------------------------------------------------
@@ -269,35 +149,6 @@ TEST_F(Registry, TextFormatLoadsEveryKindOfValue) {
     HANDLE key;
     EXPECT_EQ(STATUS_SUCCESS, Open(u"\\Registry\\Machine\\Adapter\\0002", KEY_READ, &key));
     ZwClose(key);
-}
-
-TEST_F(Registry, TextErrorsNameTheLineAndChangeNothing) {
-    struct Case {
-        const char* text;
-        const char* line;
-    };
-    const Case cases[] = {
-        {"[\\Registry\\A]\n\"X\"=dword:1\n\"Y\"=dword:123456789\n", "line 3:"},
-        {"[\\Registry\\A]\n\"X\"=dword:zz\n", "line 2:"},
-        {"\"X\"=dword:1\n", "line 1:"},
-        {"[\\Registry\\A]\n\n\"X\"=\"bad \\n escape\"\n", "line 3:"},
-        {"[\\Registry\\A]\n\"X\"=\"unterminated\n", "line 2:"},
-        {"[\\Registry\\A]\n\"X\"=hex:1,02\n", "line 2:"},
-        {"[\\Registry\\A]\n\"X\"=qword:1\n", "line 2:"},
-        {"[\\Registry\\A]\nX=dword:1\n", "line 2:"},
-        {"[\\Registry\\A]\n\"X\" dword:1\n", "line 2:"},
-        {"[Registry\\A]\n", "line 1:"},
-        {"[\\Registry\\A\n", "line 1:"},
-        {"[\\Registry\\A]\n\"X\"=\"s\" trailing\n", "line 2:"},
-    };
-    for (const Case& c : cases) {
-        kplat::RegistryClear();
-        std::string error;
-        EXPECT_EQ(STATUS_INVALID_PARAMETER, kplat::RegistryLoadText(c.text, &error)) << c.text;
-        EXPECT_EQ(0u, error.find(c.line)) << c.text << " -> " << error;
-        HANDLE key;
-        EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Open(u"\\Registry\\A", KEY_READ, &key)) << c.text;
-    }
 }
 
 }  // namespace

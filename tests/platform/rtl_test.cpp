@@ -13,41 +13,6 @@ UNICODE_STRING U(const char16_t* s) {
     return u;
 }
 
-TEST(RtlAnsi, AllocatedConversionIsTerminatedAndReplacesWideCharacters) {
-    const ULONG tag = kplat::MakeTag("RtlS");
-    uint64_t live = kplat::GetPoolTagStats(tag).liveCount;
-    UNICODE_STRING u = U(u"Caf\u00e9 \u20ac1");
-    ANSI_STRING a;
-    ASSERT_EQ(STATUS_SUCCESS, RtlUnicodeStringToAnsiString(&a, &u, TRUE));
-    EXPECT_EQ(std::string("Caf? ?1"), std::string(a.Buffer));
-    EXPECT_EQ(7, a.Length);
-    EXPECT_EQ(8, a.MaximumLength);
-    EXPECT_EQ(live + 1, kplat::GetPoolTagStats(tag).liveCount);
-    RtlFreeAnsiString(&a);
-    EXPECT_EQ(nullptr, a.Buffer);
-    EXPECT_EQ(live, kplat::GetPoolTagStats(tag).liveCount);
-}
-
-TEST(RtlAnsi, CallersBufferTooSmallOverflowsWithWhatFits) {
-    UNICODE_STRING u = U(u"abcdef");
-    char buffer[8];
-    memset(buffer, 'x', sizeof buffer);
-    ANSI_STRING a = {0, 4, buffer};
-    EXPECT_EQ(STATUS_BUFFER_OVERFLOW, RtlUnicodeStringToAnsiString(&a, &u, FALSE));
-    EXPECT_EQ(3, a.Length);
-    EXPECT_STREQ("abc", buffer);
-    EXPECT_EQ('x', buffer[4]);  // nothing beyond MaximumLength
-
-    a.MaximumLength = 7;  // exactly the characters and the terminator
-    EXPECT_EQ(STATUS_SUCCESS, RtlUnicodeStringToAnsiString(&a, &u, FALSE));
-    EXPECT_EQ(6, a.Length);
-    EXPECT_STREQ("abcdef", buffer);
-
-    a.MaximumLength = 6;  // no room for the terminator
-    EXPECT_EQ(STATUS_BUFFER_OVERFLOW, RtlUnicodeStringToAnsiString(&a, &u, FALSE));
-    EXPECT_STREQ("abcde", buffer);
-}
-
 struct IntCase {
     const char16_t* text;
     ULONG base;
@@ -94,19 +59,6 @@ TEST(RtlInteger, PlatformConversionRules) {
             << std::string(c.text, c.text + u.Length / 2) << " base " << c.base;
         EXPECT_EQ(c.value, value) << std::string(c.text, c.text + u.Length / 2) << " base " << c.base;
     }
-}
-
-TEST(RtlInteger, ReadsOnlyTheCountedCharacters) {
-    UNICODE_STRING u = U(u"12345");
-    u.Length = 3 * sizeof(WCHAR);
-    ULONG value = 0;
-    EXPECT_EQ(STATUS_SUCCESS, RtlUnicodeStringToInteger(&u, 10, &value));
-    EXPECT_EQ(123u, value);
-
-    const char16_t withNul[] = {u'4', u'\0', u'5'};
-    UNICODE_STRING n = {sizeof withNul, sizeof withNul, (PWSTR)withNul};
-    EXPECT_EQ(STATUS_SUCCESS, RtlUnicodeStringToInteger(&n, 10, &value));
-    EXPECT_EQ(4u, value);
 }
 
 }  // namespace

@@ -191,21 +191,6 @@ public:
         if (on) stalled.insert(ep);
         else stalled.erase(ep);
     }
-    void SetNakOut(bool on) {
-        std::lock_guard<std::mutex> lk(mLock);
-        nakOut = on;
-    }
-    // Answers the oldest deferred control transfer.
-    void AnswerDeferred(bool stall = false) {
-        std::unique_lock<std::mutex> lk(mLock);
-        ASSERT_FALSE(pendingControl.empty());
-        kplat::UsbControlTransfer* t = pendingControl.front();
-        pendingControl.erase(pendingControl.begin());
-        bool s = stall;
-        if (!stall) Answer(t, &s);
-        lk.unlock();
-        port->CompleteControl(t, s);
-    }
 
     // --- what the device was asked for ---
     kplat::UsbDevicePort* port = nullptr;

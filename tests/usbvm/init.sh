@@ -101,10 +101,10 @@ ping_check() {
     fail "$name: $(echo "$out" | tail -3 | tr '\n' ' ')"
   fi
 }
-ping_check "ping gadget to host" ping -c 3 -W 3 10.77.0.2
-ping_check "ping host to gadget" in_ns ping -c 3 -W 3 10.77.0.1
-ping_check "burst gadget to host" ping -A -q -c 1000 -s 1400 -W 3 10.77.0.2
-ping_check "burst host to gadget" in_ns ping -A -q -c 1000 -s 1400 -W 3 10.77.0.1
+ping_check "ping gadget to host" ping -c 3 -W 10 10.77.0.2
+ping_check "ping host to gadget" in_ns ping -c 3 -W 10 10.77.0.1
+ping_check "burst gadget to host" ping -A -q -c 1000 -s 1400 -W 10 10.77.0.2
+ping_check "burst host to gadget" in_ns ping -A -q -c 1000 -s 1400 -W 10 10.77.0.1
 
 # Throughput (a sanity figure: everything here is emulated): 4 MiB over TCP
 # each way.
@@ -147,9 +147,9 @@ kill $P1 $P2 2>/dev/null
 wait $P1 $P2 2>/dev/null
 
 echo "$UDC" > "$G/UDC"
-if wait_for 15 grep -q "device back" /tmp/bridge.log && wait_for 10 carrier; then
+if wait_for 30 grep -q "device back" /tmp/bridge.log && wait_for 20 carrier; then
   pass "re-binding: $(grep 'device back' /tmp/bridge.log)"
-  ping_check "ping after re-binding" in_ns ping -c 3 -W 3 10.77.0.1
+  ping_check "ping after re-binding" in_ns ping -c 3 -W 10 10.77.0.1
 else
   fail "re-binding: the adapter did not come back"
 fi
