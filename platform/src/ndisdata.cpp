@@ -5,6 +5,22 @@
 // ledger and fault injection see none of them.
 #include "ndis_internal.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define KPLAT_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KPLAT_ASAN 1
+#endif
+#endif
+#ifdef KPLAT_ASAN
+#include <sanitizer/asan_interface.h>
+#define POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define POISON(p, n) ((void)(p), (void)(n))
+#define UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 using namespace kplat_internal;
 
 namespace kplat {
@@ -25,11 +41,16 @@ thread_local Indication tIndication = {nullptr, nullptr};
 // A buffer of host memory described by an MDL built as for non-paged pool,
 // or (unmapped) locked but with no system address yet, so that
 // MmGetSystemAddressForMdlSafe maps it.
-PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
+size_t MdlSize(const uint8_t* va, size_t length) {
     ULONG pages = ADDRESS_AND_SIZE_TO_SPAN_PAGES(va, length);
     if (pages == 0) pages = 1;  // an empty buffer still names its page
-    size_t size = sizeof(MDL) + pages * sizeof(PFN_NUMBER);
-    auto mdl = (PMDL)::operator new(size);
+    return sizeof(MDL) + pages * sizeof(PFN_NUMBER);
+}
+
+// Builds the MDL in `mdl`, which has room for MdlSize(va, length).
+void BuildMdlAt(PMDL mdl, uint8_t* va, ULONG length, bool unmapped) {
+    const size_t size = MdlSize(va, length);
+    const ULONG pages = (ULONG)((size - sizeof(MDL)) / sizeof(PFN_NUMBER));
     memset(mdl, 0, size);
     mdl->Size = (CSHORT)size;
     mdl->StartVa = PAGE_ALIGN(va);
@@ -40,6 +61,11 @@ PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
         mdl->MdlFlags = MDL_PAGES_LOCKED;
     else
         MmBuildMdlForNonPagedPool(mdl);
+}
+
+PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
+    auto mdl = (PMDL)::operator new(MdlSize(va, length));
+    BuildMdlAt(mdl, va, length, unmapped);
     return mdl;
 }
 
@@ -47,14 +73,68 @@ PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
 
 void ndis::FreeHostPacket(HostPacket* host) {
     for (PMDL mdl : host->mdls) ::operator delete(mdl);
-    for (uint8_t* data : host->data) delete[] data;
+    for (uint8_t* data : host->data) {
+        if (host->pooled) UNPOISON(data, kPooledBytes);
+        delete[] data;
+    }
     delete host;
+}
+
+HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t length) {
+    HostPacket* host;
+    if (!pool.empty()) {
+        host = pool.back();
+        pool.pop_back();
+        host->inPool = false;
+        host->completed = false;
+        host->freeOnCompletion = false;
+        memset(&host->packet, 0, sizeof(host->packet));
+        memset(host->protocolReservedRoom, 0, sizeof(host->protocolReservedRoom));
+    } else {
+        host = new HostPacket();
+        host->pooled = true;
+        auto* bytes = new uint8_t[kPooledBytes];
+        host->data.push_back(bytes);
+        host->mdls.push_back((PMDL)::operator new(MdlSize(bytes, kPooledBytes)));
+        packets.insert(host);
+    }
+    uint8_t* bytes = host->data.front();
+    UNPOISON(bytes, length != 0 ? length : 1);
+    if (length != 0) memcpy(bytes, data, length);
+    POISON(bytes + length, kPooledBytes - length);
+    BuildMdlAt(host->mdls.front(), bytes, (ULONG)length, false);
+    NDIS_PACKET_PRIVATE& p = host->packet.Private;
+    p.Head = p.Tail = host->mdls.front();
+    p.TotalLength = (UINT)length;
+    p.Count = p.PhysicalCount = 1;
+    p.ValidCounts = TRUE;
+    return host;
+}
+
+void NdisAdapter::Impl::RetireLocked(HostPacket* host) {
+    if (host->pooled) host->inPool = true;  // no longer allocated; into the pool by RecycleLocked
+    else packets.erase(host);
+}
+
+HostPacket* NdisAdapter::Impl::RecycleLocked(HostPacket* host) {
+    if (!host->pooled) return host;
+    if (pool.size() >= kPoolKeep) {
+        packets.erase(host);
+        return host;
+    }
+    POISON(host->data.front(), kPooledBytes);
+    pool.push_back(host);
+    return nullptr;
 }
 
 // ---------------------------------------------------------------------------
 // Packets and sends
 // ---------------------------------------------------------------------------
 PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, const PacketLayout& layout) {
+    if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
+        Lock lock(mImpl->mutex);
+        return &mImpl->TakePooledLocked(data, length)->packet;
+    }
     auto* host = new HostPacket();
     std::vector<size_t> lengths;
     size_t left = length;
@@ -88,20 +168,22 @@ PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, con
 
 void NdisAdapter::FreePacket(PNDIS_PACKET packet) {
     HostPacket* host = HostOf(packet);
+    HostPacket* release = nullptr;
+    bool ours;
     {
         Lock lock(mImpl->mutex);
-        if (mImpl->packets.count(host) != 0 && mImpl->owned.count(packet) == 0) {
-            mImpl->packets.erase(host);
-        } else {
-            host = nullptr;
+        ours = mImpl->packets.count(host) != 0 && !host->inPool && mImpl->owned.count(packet) == 0;
+        if (ours) {
+            mImpl->RetireLocked(host);
+            release = mImpl->RecycleLocked(host);
         }
     }
-    if (host == nullptr) {
+    if (!ours) {
         VerifierFailed(Handle(), (ULONG_PTR)packet, 0,
                        "NdisAdapter::FreePacket: %p is no packet of this adapter, or the miniport owns it", packet);
         return;
     }
-    FreeHostPacket(host);
+    if (release != nullptr) FreeHostPacket(release);
 }
 
 std::vector<uint8_t> NdisAdapter::PacketBytes(PNDIS_PACKET packet) {
@@ -131,8 +213,17 @@ void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
             const uint64_t deadline = Now() + kSendDeadline;
             for (UINT i = 0; i < count; i++) {
                 if (packets[i] == nullptr) continue;
-                a.owned[packets[i]] = Impl::Owned{deadline, false};
-                if (a.packets.count(HostOf(packets[i])) != 0) HostOf(packets[i])->completed = false;
+                if (!a.spareOwned.empty()) {
+                    auto node = std::move(a.spareOwned.back());
+                    a.spareOwned.pop_back();
+                    node.key() = packets[i];
+                    node.mapped() = Impl::Owned{deadline, false};
+                    if (!a.owned.insert(std::move(node)).inserted) a.owned[packets[i]] = Impl::Owned{deadline, false};
+                } else {
+                    a.owned[packets[i]] = Impl::Owned{deadline, false};
+                }
+                if (a.packets.count(HostOf(packets[i])) != 0 && !HostOf(packets[i])->inPool)
+                    HostOf(packets[i])->completed = false;
                 a.sent++;
                 a.ArmVerifierLocked(deadline);
             }
@@ -169,11 +260,17 @@ void NdisAdapter::Impl::Finish(PNDIS_PACKET packet, NDIS_STATUS status) {
     {
         Lock lock(mutex);
         callback = onSendComplete;
-        free = packets.count(HostOf(packet)) != 0 && HostOf(packet)->freeOnCompletion;
-        if (free) packets.erase(HostOf(packet));
+        free = packets.count(HostOf(packet)) != 0 && !HostOf(packet)->inPool && HostOf(packet)->freeOnCompletion;
+        if (free) RetireLocked(HostOf(packet));
     }
     if (callback) (*callback)(packet, status);
-    if (free) FreeHostPacket(HostOf(packet));
+    if (!free) return;
+    HostPacket* release;
+    {
+        Lock lock(mutex);
+        release = RecycleLocked(HostOf(packet));
+    }
+    if (release != nullptr) FreeHostPacket(release);
 }
 
 void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
@@ -182,9 +279,11 @@ void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
         Lock lock(mutex);
         auto it = owned.find(packet);
         owner = it != owned.end();
-        HostPacket* host = packets.count(HostOf(packet)) != 0 ? HostOf(packet) : nullptr;
+        HostPacket* host =
+            packets.count(HostOf(packet)) != 0 && !HostOf(packet)->inPool ? HostOf(packet) : nullptr;
         if (owner) {
-            owned.erase(it);
+            if (spareOwned.size() < kPoolKeep) spareOwned.push_back(owned.extract(it));
+            else owned.erase(it);
             completed++;
             completedWith[status]++;
             if (host != nullptr) host->completed = true;

@@ -160,6 +160,7 @@ void NdisAdapter::Impl::ReleaseHostMemory() {
     configurations.clear();
     for (HostPacket* host : packets) FreeHostPacket(host);
     packets.clear();
+    pool.clear();
 }
 
 // NDIS lets a pending reset finish before the halt and stops the hang check

@@ -82,6 +82,11 @@ struct Scheduler {
     std::condition_variable workCv[2];
     std::condition_variable idleCv;
     std::condition_variable timerCv;  // real clock: wakes the timer thread
+    // Real clock: when the timer thread wakes up by itself (UINT64_MAX: not
+    // before it is notified; 0: it is not waiting). A new deadline wakes it
+    // only when it is earlier: a timer set again and again (a watchdog)
+    // costs no wake-up.
+    uint64_t timerWakeAt = 0;
     std::vector<std::thread> threads;
     std::vector<ThreadState*> standInThreads;
 };
@@ -351,11 +356,22 @@ void TimerThread() {
     while (!s.stopping) {
         ExpireDueLocked(s, RealNow(s));
         uint64_t next;
-        if (EarliestDeadlineLocked(s, &next))
+        if (EarliestDeadlineLocked(s, &next)) {
+            s.timerWakeAt = next;
             s.timerCv.wait_until(lk, s.realStart + std::chrono::nanoseconds(next * 100));
-        else
+        } else {
+            s.timerWakeAt = UINT64_MAX;
             s.timerCv.wait(lk);
+        }
+        s.timerWakeAt = 0;
     }
+}
+
+// Real clock: a new deadline for the timer thread (dispatcher lock held).
+void WakeTimerThreadLocked(Scheduler& s, uint64_t deadline) {
+    if (s.mode.load() != kplat::ClockMode::Real || deadline >= s.timerWakeAt) return;
+    s.timerWakeAt = deadline;  // one notification is enough until it waits again
+    s.timerCv.notify_one();
 }
 
 }  // namespace
@@ -479,7 +495,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
         wb.deadline = DeadlineFromDueTime(Timeout->QuadPart);
         wb.sequence = ++s.sequence;
         InsertSortedWaitLocked(s, &wb);
-        if (s.mode.load() == kplat::ClockMode::Real) s.timerCv.notify_one();
+        WakeTimerThreadLocked(s, wb.deadline);
     }
     if (wb.counted) s.busy--;
     if (&self == s.controller) s.controllerBlocked = true;
@@ -554,8 +570,8 @@ BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
         // Due already (a zero or past due time): expires now, not at the next
         // move of the clock.
         ExpireTimerLocked(s, Timer);
-    } else if (s.mode.load() == kplat::ClockMode::Real) {
-        s.timerCv.notify_one();
+    } else {
+        WakeTimerThreadLocked(s, Timer->DueTime);
     }
     return wasPending;
 }
