@@ -24,6 +24,15 @@ KIRQL CurrentIrql();
 // lock operations and not yet released).
 int SpinLocksHeld();
 
+// Work for "this processor's" DPC: on a thread that is not one of the
+// stand-in's own (the DPC and worker threads), at DISPATCH_LEVEL or above,
+// `routine(context)` is kept and called on this thread as soon as its IRQL
+// drops below DISPATCH_LEVEL (at PASSIVE_LEVEL), as a DPC queued on the
+// current processor runs when the IRQL drops. A routine already kept with
+// the same context is not kept twice. False (nothing kept) on a stand-in
+// thread or below DISPATCH_LEVEL: the caller queues a DPC or runs the work.
+bool DeferUntilIrqlDrops(void (*routine)(void*), void* context);
+
 // While one exists on a thread, that thread's pool allocations are the
 // stand-in's own (device objects and IRPs that NDIS makes): they are
 // accounted as usual but fault injection passes them by, so that injected
