@@ -140,9 +140,10 @@ void TapPort::PostWake()
     io_uring_sqe_set_data(sqe, &mWakeOp);
 }
 
-void TapPort::Start(Receiver receiver)
+void TapPort::Start(Receiver receiver, BatchHook batch)
 {
     mReceiver = std::move(receiver);
+    mBatch = std::move(batch);
     for (unsigned i = 0; i < kReads; i++) PostRead(&mOps[i]);
     PostWake();
     io_uring_submit(&mRing);
@@ -211,7 +212,7 @@ void TapPort::Run()
         io_uring_submit_and_wait(&mRing, 1);
         io_uring_cqe* cqe;
         unsigned head, seen = 0;
-        bool wake = false;
+        bool wake = false, batch = false;
         io_uring_for_each_cqe(&mRing, head, cqe)
         {
             seen++;
@@ -221,6 +222,10 @@ void TapPort::Run()
                 if (res > 0) {
                     mFramesRead.fetch_add(1, std::memory_order_relaxed);
                     mBytesRead.fetch_add((uint64_t)res, std::memory_order_relaxed);
+                    if (!batch && mBatch) {
+                        batch = true;
+                        mBatch(true);
+                    }
                     mReceiver(op->buffer, (size_t)res);
                 }
                 if (!mStopping.load(std::memory_order_relaxed)) PostRead(op);
@@ -237,6 +242,7 @@ void TapPort::Run()
             }
         }
         io_uring_cq_advance(&mRing, seen);
+        if (batch) mBatch(false);
         if (!freed.empty()) {
             std::lock_guard<std::mutex> lock(mWriteMutex);
             mFreeWrites.insert(mFreeWrites.end(), freed.begin(), freed.end());

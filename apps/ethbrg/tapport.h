@@ -24,6 +24,9 @@ namespace ethbrg {
 class TapPort {
 public:
     using Receiver = std::function<void(const uint8_t* frame, size_t length)>;
+    // Called with true before the first frame of a batch of reads that
+    // completed together, and with false after its last.
+    using BatchHook = std::function<void(bool begin)>;
 
     // Creates (or attaches to) the TAP interface NAME. Throws UsageError with
     // the reason (for a missing permission: that it needs CAP_NET_ADMIN).
@@ -41,8 +44,9 @@ public:
     // was moved to another namespace.
     void SetCarrier(bool on);
 
-    // Starts the port's thread; frames read go to receiver (on that thread).
-    void Start(Receiver receiver);
+    // Starts the port's thread; frames read go to receiver (on that thread),
+    // framed by the batch hook when one is given.
+    void Start(Receiver receiver, BatchHook batch = nullptr);
     // Stops reading and writing and joins the thread; frames still queued
     // are dropped (and counted).
     void Stop();
@@ -82,6 +86,7 @@ private:
     io_uring mRing{};
     std::thread mThread;
     Receiver mReceiver;
+    BatchHook mBatch;
     std::atomic<bool> mStopping{false};
     uint64_t mWakeValue = 0;
 
