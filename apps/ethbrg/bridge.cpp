@@ -64,7 +64,8 @@ public:
             mRaised = true;
         } else if (mRaised) {
             mRaised = false;
-            KeLowerIrql(mOld);  // the bus works on the batch here
+            TapPort::HeldWakes burst;  // the frames the bus now delivers
+            KeLowerIrql(mOld);          // the bus works on the batch here
         }
     }
     // Lets the bus work off what the batch has so far (to make room).

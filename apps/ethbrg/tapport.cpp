@@ -36,7 +36,28 @@ void InterfaceIoctl(const std::string& name, unsigned long request, ifreq* ifr, 
     if (rc < 0) throw UsageError("TAP " + name + ": cannot " + what + ": " + Why(error));
 }
 
+// The ports a HeldWakes of this thread owes a wake-up, and whether one is
+// active.
+constexpr int kHeldPorts = 4;
+thread_local TapPort* tHeld[kHeldPorts];
+thread_local int tHeldCount = -1;  // -1: no HeldWakes
+
 }  // namespace
+
+TapPort::HeldWakes::HeldWakes() { tHeldCount = 0; }
+
+TapPort::HeldWakes::~HeldWakes()
+{
+    const int n = tHeldCount;
+    tHeldCount = -1;
+    for (int i = 0; i < n; i++) tHeld[i]->Wake();
+}
+
+void TapPort::Wake()
+{
+    uint64_t one = 1;
+    (void)!write(mWakeFd, &one, sizeof(one));
+}
 
 TapPort::TapPort(const std::string& name) : mName(name)
 {
@@ -183,10 +204,16 @@ bool TapPort::Write(const uint8_t* frame, size_t length)
         wake = mQueuedWrites.empty();
         mQueuedWrites.push_back(op);
     }
-    if (wake) {
-        uint64_t one = 1;
-        (void)!write(mWakeFd, &one, sizeof(one));
+    if (!wake) return true;
+    if (tHeldCount >= 0) {
+        for (int i = 0; i < tHeldCount; i++)
+            if (tHeld[i] == this) return true;
+        if (tHeldCount < kHeldPorts) {
+            tHeld[tHeldCount++] = this;
+            return true;
+        }
     }
+    Wake();
     return true;
 }
 

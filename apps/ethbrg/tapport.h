@@ -55,6 +55,17 @@ public:
     // every write buffer is in use or the frame is too long. Any thread.
     bool Write(const uint8_t* frame, size_t length);
 
+    // While one exists on a thread, the writes that thread makes wake the
+    // ports' threads only when it ends (once per port), not per frame: for
+    // a burst of writes.
+    class HeldWakes {
+    public:
+        HeldWakes();
+        ~HeldWakes();
+        HeldWakes(const HeldWakes&) = delete;
+        HeldWakes& operator=(const HeldWakes&) = delete;
+    };
+
     const std::string& Name() const { return mName; }
     uint64_t FramesRead() const { return mFramesRead.load(std::memory_order_relaxed); }
     uint64_t BytesRead() const { return mBytesRead.load(std::memory_order_relaxed); }
@@ -75,6 +86,7 @@ private:
     };
 
     void Run();
+    void Wake();
     void PostRead(Op* op);
     void PostWake();
     void SubmitWrites();

@@ -274,8 +274,7 @@ bool NcmDevice::ApplyFaultLocked(Outbox& out, Endpoint e, UsbHandshake* handshak
     const uint8_t address = e == Endpoint::Notify   ? mProfile.notifyEndpoint
                             : e == Endpoint::BulkIn ? mProfile.bulkInEndpoint
                                                     : mProfile.bulkOutEndpoint;
-    const uint64_t now = NowLocked();
-    if (f->nakUntil > now) {
+    if (f->nakUntil != 0 && f->nakUntil > NowLocked()) {
         DeferLocked(out, {PortCall::Ready, f->nakUntil, address, nullptr, false});
         *handshake = UsbHandshake::Nak;
         return true;
@@ -1080,6 +1079,9 @@ void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
         left -= block;
     }
     CheckOneNtbLocked(p, left, deliver);
+    // The next transfer reuses the buffer (mOutBuffer is empty here).
+    transfer.clear();
+    mOutBuffer.swap(transfer);
 }
 
 void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, std::vector<Bytes>* deliver)
