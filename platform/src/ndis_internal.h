@@ -11,6 +11,7 @@
 #include <kplat/ndis.h>
 #include <kplat/platform.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -114,6 +115,7 @@ struct NdisAdapter::Impl {
     std::unordered_set<HostPacket*> packets;
     std::vector<HostPacket*> pool;  // pooled packets ready for reuse
     std::unordered_map<PNDIS_PACKET, Owned> owned;  // by the miniport now
+    std::atomic<size_t> ownedCount{0};              // owned.size(), also read without the lock
     // Nodes of `owned` kept for the next sends: a send allocates nothing.
     std::vector<std::unordered_map<PNDIS_PACKET, Owned>::node_type> spareOwned;
     uint64_t sent = 0, completed = 0;
@@ -143,6 +145,17 @@ struct NdisAdapter::Impl {
 
     NDIS_HANDLE Handle() { return (NDIS_HANDLE)this; }
     const NDIS51_MINIPORT_CHARACTERISTICS& Chars() const { return driver->chars; }
+
+    // A send: the packets become the miniport's (mutex held), then go to
+    // MPSendPackets, or are refused (no lock held).
+    struct Acceptance {
+        PNDIS_PACKET again = nullptr;  // owned by the miniport already
+        std::vector<PNDIS_PACKET> refused;
+        NDIS_HANDLE context = nullptr;
+        bool deliver = false;
+    };
+    void AcceptLocked(PNDIS_PACKET* list, UINT count, uint64_t now, Acceptance* result);
+    void Deliver(PNDIS_PACKET* list, UINT count, const Acceptance& acceptance);
 
     // Called by the miniport-facing operations (any thread, no lock held).
     void SendComplete(PNDIS_PACKET packet, NDIS_STATUS status);

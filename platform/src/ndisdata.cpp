@@ -201,52 +201,75 @@ std::vector<uint8_t> NdisAdapter::PacketBytes(PNDIS_PACKET packet) {
 // NDIS fails it at once.
 void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
     Impl& a = *mImpl;
-    NDIS_HANDLE context;
-    PNDIS_PACKET again = nullptr;
-    std::vector<PNDIS_PACKET> refused;
-    bool deliver;
+    const uint64_t now = Now();
+    Impl::Acceptance acceptance;
     {
         Lock lock(a.mutex);
-        for (UINT i = 0; i < count; i++)
-            if (packets[i] != nullptr && a.owned.count(packets[i]) != 0) again = packets[i];
-        if (again == nullptr && a.initialized) {
-            const uint64_t deadline = Now() + kSendDeadline;
-            for (UINT i = 0; i < count; i++) {
-                if (packets[i] == nullptr) continue;
-                if (!a.spareOwned.empty()) {
-                    auto node = std::move(a.spareOwned.back());
-                    a.spareOwned.pop_back();
-                    node.key() = packets[i];
-                    node.mapped() = Impl::Owned{deadline, false};
-                    if (!a.owned.insert(std::move(node)).inserted) a.owned[packets[i]] = Impl::Owned{deadline, false};
-                } else {
-                    a.owned[packets[i]] = Impl::Owned{deadline, false};
-                }
-                if (a.packets.count(HostOf(packets[i])) != 0 && !HostOf(packets[i])->inPool)
-                    HostOf(packets[i])->completed = false;
-                a.sent++;
-                a.ArmVerifierLocked(deadline);
-            }
-        } else if (again == nullptr) {
-            for (UINT i = 0; i < count; i++)
-                if (packets[i] != nullptr) refused.push_back(packets[i]);
-        }
-        context = a.context;
-        deliver = again == nullptr && a.initialized && count != 0;
+        a.AcceptLocked(packets, count, now, &acceptance);
     }
-    if (again != nullptr) {
-        VerifierFailed(Handle(), (ULONG_PTR)again, 0, "NdisAdapter::Send: the miniport owns packet %p already", again);
+    a.Deliver(packets, count, acceptance);
+}
+
+void NdisAdapter::Impl::AcceptLocked(PNDIS_PACKET* list, UINT count, uint64_t now, Acceptance* result) {
+    for (UINT i = 0; i < count; i++)
+        if (list[i] != nullptr && owned.count(list[i]) != 0) result->again = list[i];
+    if (result->again == nullptr && initialized) {
+        const uint64_t deadline = now + kSendDeadline;
+        for (UINT i = 0; i < count; i++) {
+            if (list[i] == nullptr) continue;
+            if (!spareOwned.empty()) {
+                auto node = std::move(spareOwned.back());
+                spareOwned.pop_back();
+                node.key() = list[i];
+                node.mapped() = Owned{deadline, false};
+                owned.insert(std::move(node));
+            } else {
+                owned[list[i]] = Owned{deadline, false};
+            }
+            if (packets.count(HostOf(list[i])) != 0 && !HostOf(list[i])->inPool) HostOf(list[i])->completed = false;
+            sent++;
+            ArmVerifierLocked(deadline);
+        }
+        ownedCount.store(owned.size(), std::memory_order_relaxed);
+    } else if (result->again == nullptr) {
+        for (UINT i = 0; i < count; i++)
+            if (list[i] != nullptr) result->refused.push_back(list[i]);
+    }
+    result->context = context;
+    result->deliver = result->again == nullptr && initialized && count != 0;
+}
+
+void NdisAdapter::Impl::Deliver(PNDIS_PACKET* list, UINT count, const Acceptance& acceptance) {
+    if (acceptance.again != nullptr) {
+        VerifierFailed(Handle(), (ULONG_PTR)acceptance.again, 0,
+                       "NdisAdapter::Send: the miniport owns packet %p already", acceptance.again);
         return;
     }
-    if (!deliver) {
-        for (PNDIS_PACKET packet : refused) a.Finish(packet, NDIS_STATUS_FAILURE);
+    if (!acceptance.deliver) {
+        for (PNDIS_PACKET packet : acceptance.refused) Finish(packet, NDIS_STATUS_FAILURE);
         return;
     }
     AtDispatch raised;
-    a.Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(context, packets, count);
+    Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(acceptance.context, list, count);
 }
 
+// A pooled packet is taken and accepted under one lock.
 void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {
+    Impl& a = *mImpl;
+    if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
+        const uint64_t now = Now();
+        Impl::Acceptance acceptance;
+        PNDIS_PACKET packet;
+        {
+            Lock lock(a.mutex);
+            HostPacket* host = a.TakePooledLocked(frame, length);
+            host->freeOnCompletion = true;
+            packet = &host->packet;
+            a.AcceptLocked(&packet, 1, now, &acceptance);
+        }
+        a.Deliver(&packet, 1, acceptance);
+        return;
+    }
     PNDIS_PACKET packet = AllocatePacket(frame, length, layout);
     HostOf(packet)->freeOnCompletion = true;
     Send(&packet, 1);
@@ -273,8 +296,12 @@ void NdisAdapter::Impl::Finish(PNDIS_PACKET packet, NDIS_STATUS status) {
     if (release != nullptr) FreeHostPacket(release);
 }
 
+// One lock for the bookkeeping and, without a completion callback, for
+// giving a SendFrame packet back as well.
 void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
-    bool owner, twice = false;
+    bool owner, twice = false, free = false;
+    std::shared_ptr<const SendCallback> callback;
+    HostPacket* release = nullptr;
     {
         Lock lock(mutex);
         auto it = owned.find(packet);
@@ -284,6 +311,7 @@ void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
         if (owner) {
             if (spareOwned.size() < kPoolKeep) spareOwned.push_back(owned.extract(it));
             else owned.erase(it);
+            ownedCount.store(owned.size(), std::memory_order_relaxed);
             completed++;
             completedWith[status]++;
             if (host != nullptr) host->completed = true;
@@ -291,12 +319,26 @@ void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
                 KeCancelTimer(&verifierTimer);
                 verifierArmed = false;
             }
+            // The stack's side (as Finish).
+            callback = onSendComplete;
+            free = host != nullptr && host->freeOnCompletion;
+            if (free) {
+                RetireLocked(host);
+                if (!callback) release = RecycleLocked(host);
+            }
         } else {
             twice = host != nullptr && host->completed;
         }
     }
     if (owner) {
-        Finish(packet, status);
+        if (callback) {
+            (*callback)(packet, status);
+            if (free) {
+                Lock lock(mutex);
+                release = RecycleLocked(HostOf(packet));
+            }
+        }
+        if (release != nullptr) FreeHostPacket(release);
     } else if (twice) {
         VerifierFailed(Handle(), (ULONG_PTR)packet, (ULONG_PTR)status, "NdisMSendComplete: packet %p completed twice",
                        packet);
@@ -313,7 +355,7 @@ void NdisAdapter::OnSendComplete(std::function<void(PNDIS_PACKET packet, NDIS_ST
 
 uint64_t NdisAdapter::PacketsSent() const { Lock l(mImpl->mutex); return mImpl->sent; }
 uint64_t NdisAdapter::PacketsCompleted() const { Lock l(mImpl->mutex); return mImpl->completed; }
-uint64_t NdisAdapter::PacketsOutstanding() const { Lock l(mImpl->mutex); return mImpl->owned.size(); }
+uint64_t NdisAdapter::PacketsOutstanding() const { return mImpl->ownedCount.load(std::memory_order_relaxed); }
 uint64_t NdisAdapter::PacketsCompletedWith(NDIS_STATUS status) const {
     Lock lock(mImpl->mutex);
     auto it = mImpl->completedWith.find(status);

@@ -186,6 +186,7 @@ void NdisAdapter::Halt() {
         owned = a.owned.size();
         if (owned != 0) first = a.owned.begin()->first;
         a.owned.clear();
+        a.ownedCount.store(0, std::memory_order_relaxed);
         a.setPending = false;
         a.verifierArmed = false;
         KeCancelTimer(&a.verifierTimer);
