@@ -75,6 +75,7 @@ struct Scheduler {
 
     int busy = 0;
     bool dpcRunning = false;
+    int dpcsRunningElsewhere = 0;  // DPCs a thread runs as its IRQL drops (RunOwnDpc)
     ThreadState* controller = nullptr;
     bool controllerBlocked = false;
 
@@ -129,14 +130,54 @@ bool IsIdleLocked(Scheduler& s) {
     return IsListEmpty(&s.dpcQueue) && IsListEmpty(&s.workQueue[0]) && IsListEmpty(&s.workQueue[1]) && s.busy == 0;
 }
 
+void RunOwnDpc(void* context);
+void NotifyIfIdleLocked(Scheduler& s);
+
+// A DPC goes to the DPC thread, except on the real clock when a thread of
+// the program (not one of the stand-in's, nor the controller or a driver
+// thread) queues it at DISPATCH_LEVEL: then, as on the processor that
+// queued it, it runs on that thread when its IRQL drops (unless the DPC
+// thread got to it first), and nobody has to wake the DPC thread. Either
+// way it stays in the queue until it runs, for KeRemoveQueueDpc,
+// KeFlushQueuedDpcs and idle detection.
 bool QueueDpcLocked(Scheduler& s, PRKDPC dpc, PVOID a1, PVOID a2) {
     if (dpc->DpcData != NULL) return false;
     dpc->SystemArgument1 = a1;
     dpc->SystemArgument2 = a2;
     dpc->DpcData = (PVOID)&s.dpcQueue;
     InsertTailList(&s.dpcQueue, &dpc->DpcListEntry);
+    if (s.mode.load(std::memory_order_relaxed) == kplat::ClockMode::Real && Self().kind == ThreadKind::External &&
+        DeferUntilIrqlDrops(RunOwnDpc, dpc))
+        return true;
     s.dpcCv.notify_one();
     return true;
+}
+
+// The DPC a thread queued at DISPATCH_LEVEL, now that its IRQL dropped.
+void RunOwnDpc(void* context) {
+    Scheduler& s = S();
+    auto dpc = (PKDPC)context;
+    Lock lk(s.mutex);
+    if (dpc->DpcData == NULL) return;  // ran on the DPC thread, or removed
+    RemoveEntryList(&dpc->DpcListEntry);
+    dpc->DpcData = NULL;
+    PKDEFERRED_ROUTINE routine = dpc->DeferredRoutine;
+    PVOID deferredContext = dpc->DeferredContext, a1 = dpc->SystemArgument1, a2 = dpc->SystemArgument2;
+    s.busy++;
+    s.dpcsRunningElsewhere++;
+    lk.unlock();
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    routine(dpc, deferredContext, a1, a2);
+    if (CurrentIrql() != DISPATCH_LEVEL)
+        CheckFailed(IRQL_NOT_LESS_OR_EQUAL, (ULONG_PTR)routine, CurrentIrql(), DISPATCH_LEVEL, 0,
+                    "a DPC routine returned at another IRQL than DISPATCH_LEVEL");
+    KeLowerIrql(old);
+    lk.lock();
+    s.busy--;
+    s.dpcsRunningElsewhere--;
+    if (IsListEmpty(&s.dpcQueue)) s.idleCv.notify_all();  // KeFlushQueuedDpcs
+    NotifyIfIdleLocked(s);
 }
 
 void WakeLocked(Scheduler& s, WaitBlock* wb, NTSTATUS status, ThreadState* owner) {
@@ -545,7 +586,9 @@ void KeFlushQueuedDpcs(void) {
         return;
     }
     Lock lk(s.mutex);
-    s.idleCv.wait(lk, [&] { return (IsListEmpty(&s.dpcQueue) && !s.dpcRunning) || !s.started.load(); });
+    s.idleCv.wait(lk, [&] {
+        return (IsListEmpty(&s.dpcQueue) && !s.dpcRunning && s.dpcsRunningElsewhere == 0) || !s.started.load();
+    });
 }
 
 void KeInitializeTimer(PKTIMER Timer) {
