@@ -3,7 +3,10 @@
 
 #include <ntddk.h>
 
+#include <pthread.h>
+
 #include <cstdint>
+#include <mutex>
 
 namespace kplat_internal {
 
@@ -32,6 +35,21 @@ int SpinLocksHeld();
 // the same context is not kept twice. False (nothing kept) on a stand-in
 // thread or below DISPATCH_LEVEL: the caller queues a DPC or runs the work.
 bool DeferUntilIrqlDrops(void (*routine)(void*), void* context);
+
+// A std::mutex that spins briefly before it sleeps (glibc's adaptive kind),
+// for locks that threads of the data path take for a moment per packet:
+// a thread that finds it held usually gets it without a futex sleep and
+// the holder needs no wake-up call.
+class SpinningMutex : public std::mutex {
+public:
+    SpinningMutex() {
+        pthread_mutexattr_t attr;
+        pthread_mutexattr_init(&attr);
+        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+        pthread_mutex_init(native_handle(), &attr);
+        pthread_mutexattr_destroy(&attr);
+    }
+};
 
 // While one exists on a thread, that thread's pool allocations are the
 // stand-in's own (device objects and IRPs that NDIS makes): they are

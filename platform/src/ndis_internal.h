@@ -97,7 +97,7 @@ struct NdisAdapter::Impl {
     KDPC hangDpc, verifierDpc;
     KEVENT resetDone;  // signalled while no reset is pending
 
-    mutable std::mutex mutex;  // guards everything below
+    mutable kplat_internal::SpinningMutex mutex;  // guards everything below
     NDIS_STATUS initStatus = NDIS_STATUS_FAILURE;
     NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
     UINT selectedMedium = 0;

@@ -9,6 +9,8 @@
 #include <kplat/usbbus.h>
 #include <usbioctl.h>
 
+#include "internal.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -246,7 +248,7 @@ struct UsbBus::Impl final : public UsbDevicePort {
 
     // mLock guards everything below that changes after construction; it is
     // never held while the bus calls the device or completes an IRP.
-    mutable std::mutex mLock;
+    mutable kplat_internal::SpinningMutex mLock;
     PDRIVER_OBJECT mDriver = nullptr;
     PDEVICE_OBJECT mPdo = nullptr;
     KDPC mDpc;
