@@ -58,7 +58,7 @@ struct Scheduler {
         InitializeListHead(&timedWaits);
     }
 
-    std::mutex mutex;  // the dispatcher lock: guards every field below but the atomics
+    kplat_internal::SpinningMutex mutex;  // the dispatcher lock: guards every field below but the atomics
 
     std::atomic<bool> started{false};
     std::atomic<kplat::ClockMode> mode{kplat::ClockMode::Virtual};
