@@ -959,17 +959,15 @@ UsbHandshake NcmDevice::OutPacket(uint8_t ep, const uint8_t* data, uint32_t leng
 {
     BusCall call;
     Outbox out;
-    std::vector<Bytes> deliver;
     UsbHandshake result;
+    mDeliver.Clear();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
         out.request = mServiceRequest;
-        result = OutPacketLocked(out, ep, data, length, &deliver);
+        result = OutPacketLocked(out, ep, data, length, &mDeliver);
     }
-    for (const Bytes& f : deliver) {
-        Emit(f.data(), f.size());
-    }
+    Emit(mDeliver);
     Flush(out);
     return result;
 }
@@ -978,7 +976,7 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
 {
     BusCall call;
     Outbox out;
-    std::vector<Bytes> deliver;
+    mDeliver.Clear();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
@@ -986,7 +984,7 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
         uint32_t offset = 0;
         do {
             const uint32_t n = std::min(maxPacket, length - offset);
-            run->handshake = OutPacketLocked(out, ep, data == nullptr ? nullptr : data + offset, n, &deliver);
+            run->handshake = OutPacketLocked(out, ep, data == nullptr ? nullptr : data + offset, n, &mDeliver);
             if (run->handshake != UsbHandshake::Ack) {
                 break;
             }
@@ -995,15 +993,13 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
             offset += n;
         } while (offset < length);
     }
-    for (const Bytes& f : deliver) {
-        Emit(f.data(), f.size());
-    }
+    Emit(mDeliver);
     Flush(out);
 }
 
 // One OUT packet, under mMutex: what OutPacket and OutPackets do per packet.
 UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* data, uint32_t length,
-                                        std::vector<Bytes>* deliver)
+                                        FrameBatch* deliver)
 {
     if (mUnplugged || mConfiguration == 0 || ep != (mProfile.bulkOutEndpoint & 0x0F)) {
         return UsbHandshake::Stall;
@@ -1050,7 +1046,7 @@ UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* 
     return UsbHandshake::Ack;
 }
 
-void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
+void NcmDevice::OutTransferLocked(FrameBatch* deliver)
 {
     ++mOutTransferNumber;
     ++mTraffic.outTransfers;
@@ -1084,7 +1080,7 @@ void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
     mOutBuffer.swap(transfer);
 }
 
-void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, std::vector<Bytes>* deliver)
+void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch* deliver)
 {
     ++mTraffic.outNtbs;
     CheckResult r = CheckNtb(data, length, OutRulesLocked());
@@ -1117,7 +1113,7 @@ void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, std::vecto
         }
         ++mTraffic.outDatagrams;
         CountFrameLocked(data + d.offset, d.length, false);
-        deliver->emplace_back(data + d.offset, data + d.offset + d.length);
+        deliver->Add(data + d.offset, d.length);
     }
 }
 
