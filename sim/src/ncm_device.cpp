@@ -1206,7 +1206,13 @@ void NcmDevice::OnFrame(const uint8_t* frame, size_t length)
             ++mStatistics[cdc::kRcvNoBuffer - 1];
             return;
         }
-        mFrames.emplace_back(frame, frame + length);
+        if (mSpareFrames.empty()) {
+            mFrames.emplace_back(frame, frame + length);
+        } else {
+            mFrames.push_back(std::move(mSpareFrames.back()));
+            mSpareFrames.pop_back();
+            mFrames.back().assign(frame, frame + length);
+        }
         if (mInWaiting) {
             mInWaiting = false;
             SignalLocked(out, mProfile.bulkInEndpoint);
@@ -1268,6 +1274,9 @@ bool NcmDevice::StartInTransferLocked()
         }
         for (size_t i = 0; i < taken; ++i) {
             CountFrameLocked(mFrames.front().data(), mFrames.front().size(), true);
+            if (mSpareFrames.size() < kSpareFrames) {
+                mSpareFrames.push_back(std::move(mFrames.front()));  // its buffer serves a later frame
+            }
             mFrames.pop_front();
         }
         ++mInSequence;

@@ -332,6 +332,10 @@ private:
 
     // Bulk IN.
     std::deque<Bytes> mFrames;
+    // Frames sent on to the host, kept for their buffers: a frame from the
+    // network reuses one instead of allocating.
+    static constexpr size_t kSpareFrames = 256;
+    std::vector<Bytes> mSpareFrames;
     std::deque<Injected> mInjected;
     InTransfer mIn;
     bool mInWaiting = false;
