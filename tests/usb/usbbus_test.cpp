@@ -517,6 +517,22 @@ TEST_F(UsbBusCompletion, InlineCompletionRunsInsideTheSubmittingCall) {
     EXPECT_EQ(r.status, STATUS_SUCCESS);
 }
 
+// As the bus's DPC on the submitting processor: held until the IRQL drops.
+TEST_F(UsbBusCompletion, InlineCompletionAtDispatchLevelWaitsForTheIrqlToDrop) {
+    bus->SetInlineCompletion(true);
+    Bytes data = Pattern(100);
+    Request& r = BulkRequest(bulkOut, 0, data.data(), 100);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    EXPECT_EQ(Send(r), STATUS_PENDING);
+    EXPECT_FALSE(r.done());
+    KeLowerIrql(old);
+    ASSERT_TRUE(r.done());
+    EXPECT_EQ(r.irql, DISPATCH_LEVEL);
+    EXPECT_EQ(r.thread, std::this_thread::get_id());
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+}
+
 TEST_F(UsbBusCompletion, ResubmittingFromTheCompletionRoutineDoesNotRecurse) {
     bus->SetInlineCompletion(true);
     for (int i = 0; i < 50; i++) dev.QueueIn(kBulkIn, Pattern(20, (uint8_t)i));
