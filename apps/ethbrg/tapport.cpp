@@ -36,7 +36,28 @@ void InterfaceIoctl(const std::string& name, unsigned long request, ifreq* ifr, 
     if (rc < 0) throw UsageError("TAP " + name + ": cannot " + what + ": " + Why(error));
 }
 
+// The ports a HeldWakes of this thread owes a wake-up, and whether one is
+// active.
+constexpr int kHeldPorts = 4;
+thread_local TapPort* tHeld[kHeldPorts];
+thread_local int tHeldCount = -1;  // -1: no HeldWakes
+
 }  // namespace
+
+TapPort::HeldWakes::HeldWakes() { tHeldCount = 0; }
+
+TapPort::HeldWakes::~HeldWakes()
+{
+    const int n = tHeldCount;
+    tHeldCount = -1;
+    for (int i = 0; i < n; i++) tHeld[i]->Wake();
+}
+
+void TapPort::Wake()
+{
+    uint64_t one = 1;
+    (void)!write(mWakeFd, &one, sizeof(one));
+}
 
 TapPort::TapPort(const std::string& name) : mName(name)
 {
@@ -140,9 +161,10 @@ void TapPort::PostWake()
     io_uring_sqe_set_data(sqe, &mWakeOp);
 }
 
-void TapPort::Start(Receiver receiver)
+void TapPort::Start(Receiver receiver, BatchHook batch)
 {
     mReceiver = std::move(receiver);
+    mBatch = std::move(batch);
     for (unsigned i = 0; i < kReads; i++) PostRead(&mOps[i]);
     PostWake();
     io_uring_submit(&mRing);
@@ -182,10 +204,16 @@ bool TapPort::Write(const uint8_t* frame, size_t length)
         wake = mQueuedWrites.empty();
         mQueuedWrites.push_back(op);
     }
-    if (wake) {
-        uint64_t one = 1;
-        (void)!write(mWakeFd, &one, sizeof(one));
+    if (!wake) return true;
+    if (tHeldCount >= 0) {
+        for (int i = 0; i < tHeldCount; i++)
+            if (tHeld[i] == this) return true;
+        if (tHeldCount < kHeldPorts) {
+            tHeld[tHeldCount++] = this;
+            return true;
+        }
     }
+    Wake();
     return true;
 }
 
@@ -211,7 +239,7 @@ void TapPort::Run()
         io_uring_submit_and_wait(&mRing, 1);
         io_uring_cqe* cqe;
         unsigned head, seen = 0;
-        bool wake = false;
+        bool wake = false, batch = false;
         io_uring_for_each_cqe(&mRing, head, cqe)
         {
             seen++;
@@ -221,6 +249,10 @@ void TapPort::Run()
                 if (res > 0) {
                     mFramesRead.fetch_add(1, std::memory_order_relaxed);
                     mBytesRead.fetch_add((uint64_t)res, std::memory_order_relaxed);
+                    if (!batch && mBatch) {
+                        batch = true;
+                        mBatch(true);
+                    }
                     mReceiver(op->buffer, (size_t)res);
                 }
                 if (!mStopping.load(std::memory_order_relaxed)) PostRead(op);
@@ -237,6 +269,7 @@ void TapPort::Run()
             }
         }
         io_uring_cq_advance(&mRing, seen);
+        if (batch) mBatch(false);
         if (!freed.empty()) {
             std::lock_guard<std::mutex> lock(mWriteMutex);
             mFreeWrites.insert(mFreeWrites.end(), freed.begin(), freed.end());

@@ -24,6 +24,9 @@ namespace ethbrg {
 class TapPort {
 public:
     using Receiver = std::function<void(const uint8_t* frame, size_t length)>;
+    // Called with true before the first frame of a batch of reads that
+    // completed together, and with false after its last.
+    using BatchHook = std::function<void(bool begin)>;
 
     // Creates (or attaches to) the TAP interface NAME. Throws UsageError with
     // the reason (for a missing permission: that it needs CAP_NET_ADMIN).
@@ -41,8 +44,9 @@ public:
     // was moved to another namespace.
     void SetCarrier(bool on);
 
-    // Starts the port's thread; frames read go to receiver (on that thread).
-    void Start(Receiver receiver);
+    // Starts the port's thread; frames read go to receiver (on that thread),
+    // framed by the batch hook when one is given.
+    void Start(Receiver receiver, BatchHook batch = nullptr);
     // Stops reading and writing and joins the thread; frames still queued
     // are dropped (and counted).
     void Stop();
@@ -50,6 +54,17 @@ public:
     // Queues one frame for the interface; false (counted as dropped) when
     // every write buffer is in use or the frame is too long. Any thread.
     bool Write(const uint8_t* frame, size_t length);
+
+    // While one exists on a thread, the writes that thread makes wake the
+    // ports' threads only when it ends (once per port), not per frame: for
+    // a burst of writes.
+    class HeldWakes {
+    public:
+        HeldWakes();
+        ~HeldWakes();
+        HeldWakes(const HeldWakes&) = delete;
+        HeldWakes& operator=(const HeldWakes&) = delete;
+    };
 
     const std::string& Name() const { return mName; }
     uint64_t FramesRead() const { return mFramesRead.load(std::memory_order_relaxed); }
@@ -71,6 +86,7 @@ private:
     };
 
     void Run();
+    void Wake();
     void PostRead(Op* op);
     void PostWake();
     void SubmitWrites();
@@ -82,6 +98,7 @@ private:
     io_uring mRing{};
     std::thread mThread;
     Receiver mReceiver;
+    BatchHook mBatch;
     std::atomic<bool> mStopping{false};
     uint64_t mWakeValue = 0;
 

@@ -54,6 +54,34 @@ KIRQL CurrentIrql() { return Self().irql; }
 
 int SpinLocksHeld() { return Self().spinLocksHeld; }
 
+bool DeferUntilIrqlDrops(void (*routine)(void*), void* context) {
+    ThreadState& self = Self();
+    if (self.kind == ThreadKind::StandIn || self.irql < DISPATCH_LEVEL) return false;
+    for (int i = 0; i < self.deferredCount; i++)
+        if (self.deferred[i].routine == routine && self.deferred[i].context == context) return true;
+    if (self.deferredCount == ThreadState::kMaxDeferred) return false;
+    self.deferred[self.deferredCount++] = DeferredCall{routine, context};
+    return true;
+}
+
+namespace {
+
+// The IRQL dropped below DISPATCH_LEVEL: the kept routines run now, in the
+// order they were kept (and those they keep in turn).
+void RunDeferred(ThreadState& self) {
+    if (self.runningDeferred) return;
+    self.runningDeferred = true;
+    while (self.deferredCount != 0) {
+        DeferredCall call = self.deferred[0];
+        for (int i = 1; i < self.deferredCount; i++) self.deferred[i - 1] = self.deferred[i];
+        self.deferredCount--;
+        call.routine(call.context);
+    }
+    self.runningDeferred = false;
+}
+
+}  // namespace
+
 }  // namespace kplat_internal
 
 using namespace kplat_internal;
@@ -81,6 +109,7 @@ void KeLowerIrql(KIRQL NewIrql) {
         return;
     }
     self.irql = NewIrql;
+    if (NewIrql < DISPATCH_LEVEL && self.deferredCount != 0) RunDeferred(self);
 }
 
 KIRQL KeRaiseIrqlToDpcLevel(void) {

@@ -11,6 +11,7 @@
 #include <kplat/ndis.h>
 #include <kplat/platform.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -40,6 +41,13 @@ struct NdisDriver::Impl {
 // A packet of the stack: the NDIS packet with room for protocol-reserved
 // bytes, and the host memory of its buffers (one block per buffer, so that a
 // read past a buffer's end is caught by the address sanitizer).
+//
+// Packets of one mapped buffer of at most kPooledBytes (every frame
+// SendFrame sends with the default layout) are pooled per adapter and
+// reused: one block of kPooledBytes and an MDL with room for its pages,
+// built again for each use. The bytes past the frame, and the whole block
+// while it waits in the pool, are poisoned for the address sanitizer, so a
+// read past the end is still caught.
 struct HostPacket {
     NDIS_PACKET packet;
     UCHAR protocolReservedRoom[3 * sizeof(PVOID)];
@@ -47,7 +55,11 @@ struct HostPacket {
     std::vector<uint8_t*> data;
     bool freeOnCompletion = false;
     bool completed = false;  // given to the miniport and completed by it since
+    bool pooled = false;     // one kPooledBytes block, goes back to the pool
+    bool inPool = false;     // waiting in the pool (not allocated)
 };
+constexpr size_t kPooledBytes = 2048;
+constexpr size_t kPoolKeep = 4096;  // pooled packets kept at most; more are freed
 
 // The configuration handle of NdisOpenConfiguration: the key it reads and
 // every parameter handed out, kept until NdisCloseConfiguration (host
@@ -87,7 +99,7 @@ struct NdisAdapter::Impl {
     KEVENT callsDone;  // signalled while callsInFlight is 0
     KEVENT setDone;    // signalled while no set is pending
 
-    mutable std::mutex mutex;  // guards everything below
+    mutable kplat_internal::SpinningMutex mutex;  // guards everything below
     NDIS_STATUS initStatus = NDIS_STATUS_FAILURE;
     NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
     UINT selectedMedium = 0;
@@ -105,8 +117,13 @@ struct NdisAdapter::Impl {
         uint64_t deadline;  // clock units
         bool reported;
     };
-    std::unordered_set<HostPacket*> packets;  // allocated, not freed
+    // Allocated and not freed, and pooled ones (HostPacket::inPool).
+    std::unordered_set<HostPacket*> packets;
+    std::vector<HostPacket*> pool;  // pooled packets ready for reuse
     std::unordered_map<PNDIS_PACKET, Owned> owned;  // by the miniport now
+    std::atomic<size_t> ownedCount{0};              // owned.size(), also read without the lock
+    // Nodes of `owned` kept for the next sends: a send allocates nothing.
+    std::vector<std::unordered_map<PNDIS_PACKET, Owned>::node_type> spareOwned;
     uint64_t sent = 0, completed = 0;
     std::map<NDIS_STATUS, uint64_t> completedWith;
     std::shared_ptr<const SendCallback> onSendComplete;
@@ -135,6 +152,17 @@ struct NdisAdapter::Impl {
     NDIS_HANDLE Handle() { return (NDIS_HANDLE)this; }
     const NDIS51_MINIPORT_CHARACTERISTICS& Chars() const { return driver->chars; }
 
+    // A send: the packets become the miniport's (mutex held), then go to
+    // MPSendPackets, or are refused (no lock held).
+    struct Acceptance {
+        PNDIS_PACKET again = nullptr;  // owned by the miniport already
+        std::vector<PNDIS_PACKET> refused;
+        NDIS_HANDLE context = nullptr;
+        bool deliver = false;
+    };
+    void AcceptLocked(PNDIS_PACKET* list, UINT count, uint64_t now, Acceptance* result);
+    void Deliver(PNDIS_PACKET* list, UINT count, const Acceptance& acceptance);
+
     // Called by the miniport-facing operations (any thread, no lock held).
     void SendComplete(PNDIS_PACKET packet, NDIS_STATUS status);
     void IndicateReceive(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
@@ -158,6 +186,16 @@ struct NdisAdapter::Impl {
     void ArmVerifierLocked(uint64_t deadline);
     // Releases every packet and open configuration (destruction).
     void ReleaseHostMemory();
+    // A packet of one mapped buffer with a copy of data, from the pool
+    // (mutex held; length <= kPooledBytes).
+    HostPacket* TakePooledLocked(const uint8_t* data, size_t length);
+    // The packet is no longer allocated (mutex held): a pooled one is out of
+    // use but not yet reusable, any other is forgotten.
+    void RetireLocked(HostPacket* host);
+    // After RetireLocked, when nothing looks at the packet any more (mutex
+    // held): a pooled one goes back to the pool. Returns the packet to free
+    // (FreeHostPacket, after the lock), or NULL.
+    HostPacket* RecycleLocked(HostPacket* host);
 };
 
 namespace ndis {

@@ -5,6 +5,22 @@
 // ledger and fault injection see none of them.
 #include "ndis_internal.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define KPLAT_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KPLAT_ASAN 1
+#endif
+#endif
+#ifdef KPLAT_ASAN
+#include <sanitizer/asan_interface.h>
+#define POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#else
+#define POISON(p, n) ((void)(p), (void)(n))
+#define UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 using namespace kplat_internal;
 
 namespace kplat {
@@ -25,11 +41,16 @@ thread_local Indication tIndication = {nullptr, nullptr};
 // A buffer of host memory described by an MDL built as for non-paged pool,
 // or (unmapped) locked but with no system address yet, so that
 // MmGetSystemAddressForMdlSafe maps it.
-PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
+size_t MdlSize(const uint8_t* va, size_t length) {
     ULONG pages = ADDRESS_AND_SIZE_TO_SPAN_PAGES(va, length);
     if (pages == 0) pages = 1;  // an empty buffer still names its page
-    size_t size = sizeof(MDL) + pages * sizeof(PFN_NUMBER);
-    auto mdl = (PMDL)::operator new(size);
+    return sizeof(MDL) + pages * sizeof(PFN_NUMBER);
+}
+
+// Builds the MDL in `mdl`, which has room for MdlSize(va, length).
+void BuildMdlAt(PMDL mdl, uint8_t* va, ULONG length, bool unmapped) {
+    const size_t size = MdlSize(va, length);
+    const ULONG pages = (ULONG)((size - sizeof(MDL)) / sizeof(PFN_NUMBER));
     memset(mdl, 0, size);
     mdl->Size = (CSHORT)size;
     mdl->StartVa = PAGE_ALIGN(va);
@@ -40,6 +61,11 @@ PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
         mdl->MdlFlags = MDL_PAGES_LOCKED;
     else
         MmBuildMdlForNonPagedPool(mdl);
+}
+
+PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
+    auto mdl = (PMDL)::operator new(MdlSize(va, length));
+    BuildMdlAt(mdl, va, length, unmapped);
     return mdl;
 }
 
@@ -47,14 +73,68 @@ PMDL BuildMdl(uint8_t* va, ULONG length, bool unmapped) {
 
 void ndis::FreeHostPacket(HostPacket* host) {
     for (PMDL mdl : host->mdls) ::operator delete(mdl);
-    for (uint8_t* data : host->data) delete[] data;
+    for (uint8_t* data : host->data) {
+        if (host->pooled) UNPOISON(data, kPooledBytes);
+        delete[] data;
+    }
     delete host;
+}
+
+HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t length) {
+    HostPacket* host;
+    if (!pool.empty()) {
+        host = pool.back();
+        pool.pop_back();
+        host->inPool = false;
+        host->completed = false;
+        host->freeOnCompletion = false;
+        memset(&host->packet, 0, sizeof(host->packet));
+        memset(host->protocolReservedRoom, 0, sizeof(host->protocolReservedRoom));
+    } else {
+        host = new HostPacket();
+        host->pooled = true;
+        auto* bytes = new uint8_t[kPooledBytes];
+        host->data.push_back(bytes);
+        host->mdls.push_back((PMDL)::operator new(MdlSize(bytes, kPooledBytes)));
+        packets.insert(host);
+    }
+    uint8_t* bytes = host->data.front();
+    UNPOISON(bytes, length != 0 ? length : 1);
+    if (length != 0) memcpy(bytes, data, length);
+    POISON(bytes + length, kPooledBytes - length);
+    BuildMdlAt(host->mdls.front(), bytes, (ULONG)length, false);
+    NDIS_PACKET_PRIVATE& p = host->packet.Private;
+    p.Head = p.Tail = host->mdls.front();
+    p.TotalLength = (UINT)length;
+    p.Count = p.PhysicalCount = 1;
+    p.ValidCounts = TRUE;
+    return host;
+}
+
+void NdisAdapter::Impl::RetireLocked(HostPacket* host) {
+    if (host->pooled) host->inPool = true;  // no longer allocated; into the pool by RecycleLocked
+    else packets.erase(host);
+}
+
+HostPacket* NdisAdapter::Impl::RecycleLocked(HostPacket* host) {
+    if (!host->pooled) return host;
+    if (pool.size() >= kPoolKeep) {
+        packets.erase(host);
+        return host;
+    }
+    POISON(host->data.front(), kPooledBytes);
+    pool.push_back(host);
+    return nullptr;
 }
 
 // ---------------------------------------------------------------------------
 // Packets and sends
 // ---------------------------------------------------------------------------
 PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, const PacketLayout& layout) {
+    if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
+        Lock lock(mImpl->mutex);
+        return &mImpl->TakePooledLocked(data, length)->packet;
+    }
     auto* host = new HostPacket();
     std::vector<size_t> lengths;
     size_t left = length;
@@ -88,20 +168,22 @@ PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, con
 
 void NdisAdapter::FreePacket(PNDIS_PACKET packet) {
     HostPacket* host = HostOf(packet);
+    HostPacket* release = nullptr;
+    bool ours;
     {
         Lock lock(mImpl->mutex);
-        if (mImpl->packets.count(host) != 0 && mImpl->owned.count(packet) == 0) {
-            mImpl->packets.erase(host);
-        } else {
-            host = nullptr;
+        ours = mImpl->packets.count(host) != 0 && !host->inPool && mImpl->owned.count(packet) == 0;
+        if (ours) {
+            mImpl->RetireLocked(host);
+            release = mImpl->RecycleLocked(host);
         }
     }
-    if (host == nullptr) {
+    if (!ours) {
         VerifierFailed(Handle(), (ULONG_PTR)packet, 0,
                        "NdisAdapter::FreePacket: %p is no packet of this adapter, or the miniport owns it", packet);
         return;
     }
-    FreeHostPacket(host);
+    if (release != nullptr) FreeHostPacket(release);
 }
 
 std::vector<uint8_t> NdisAdapter::PacketBytes(PNDIS_PACKET packet) {
@@ -119,47 +201,79 @@ std::vector<uint8_t> NdisAdapter::PacketBytes(PNDIS_PACKET packet) {
 // NDIS fails it at once.
 void NdisAdapter::Send(PNDIS_PACKET* packets, UINT count) {
     Impl& a = *mImpl;
-    NDIS_HANDLE context;
-    PNDIS_PACKET again = nullptr;
-    std::vector<PNDIS_PACKET> refused;
-    bool deliver;
+    const uint64_t now = Now();
+    Impl::Acceptance acceptance;
     {
         Lock lock(a.mutex);
-        for (UINT i = 0; i < count; i++)
-            if (packets[i] != nullptr && a.owned.count(packets[i]) != 0) again = packets[i];
-        if (again == nullptr && a.initialized) {
-            const uint64_t deadline = Now() + kSendDeadline;
-            for (UINT i = 0; i < count; i++) {
-                if (packets[i] == nullptr) continue;
-                a.owned[packets[i]] = Impl::Owned{deadline, false};
-                if (a.packets.count(HostOf(packets[i])) != 0) HostOf(packets[i])->completed = false;
-                a.sent++;
-                a.ArmVerifierLocked(deadline);
-            }
-        } else if (again == nullptr) {
-            for (UINT i = 0; i < count; i++)
-                if (packets[i] != nullptr) refused.push_back(packets[i]);
-        }
-        context = a.context;
-        deliver = again == nullptr && a.initialized && count != 0;
-        if (deliver) a.EnterCallLocked();
+        a.AcceptLocked(packets, count, now, &acceptance);
     }
-    if (again != nullptr) {
-        VerifierFailed(Handle(), (ULONG_PTR)again, 0, "NdisAdapter::Send: the miniport owns packet %p already", again);
+    a.Deliver(packets, count, acceptance);
+}
+
+void NdisAdapter::Impl::AcceptLocked(PNDIS_PACKET* list, UINT count, uint64_t now, Acceptance* result) {
+    for (UINT i = 0; i < count; i++)
+        if (list[i] != nullptr && owned.count(list[i]) != 0) result->again = list[i];
+    if (result->again == nullptr && initialized) {
+        const uint64_t deadline = now + kSendDeadline;
+        for (UINT i = 0; i < count; i++) {
+            if (list[i] == nullptr) continue;
+            if (!spareOwned.empty()) {
+                auto node = std::move(spareOwned.back());
+                spareOwned.pop_back();
+                node.key() = list[i];
+                node.mapped() = Owned{deadline, false};
+                owned.insert(std::move(node));
+            } else {
+                owned[list[i]] = Owned{deadline, false};
+            }
+            if (packets.count(HostOf(list[i])) != 0 && !HostOf(list[i])->inPool) HostOf(list[i])->completed = false;
+            sent++;
+            ArmVerifierLocked(deadline);
+        }
+        ownedCount.store(owned.size(), std::memory_order_relaxed);
+    } else if (result->again == nullptr) {
+        for (UINT i = 0; i < count; i++)
+            if (list[i] != nullptr) result->refused.push_back(list[i]);
+    }
+    result->context = context;
+    result->deliver = result->again == nullptr && initialized && count != 0;
+    if (result->deliver) EnterCallLocked();  // the halt waits for the call to return
+}
+
+void NdisAdapter::Impl::Deliver(PNDIS_PACKET* list, UINT count, const Acceptance& acceptance) {
+    if (acceptance.again != nullptr) {
+        VerifierFailed(Handle(), (ULONG_PTR)acceptance.again, 0,
+                       "NdisAdapter::Send: the miniport owns packet %p already", acceptance.again);
         return;
     }
-    if (!deliver) {
-        for (PNDIS_PACKET packet : refused) a.Finish(packet, NDIS_STATUS_FAILURE);
+    if (!acceptance.deliver) {
+        for (PNDIS_PACKET packet : acceptance.refused) Finish(packet, NDIS_STATUS_FAILURE);
         return;
     }
     {
         AtDispatch raised;
-        a.Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(context, packets, count);
+        Chars().Ndis50Chars.Ndis40Chars.SendPacketsHandler(acceptance.context, list, count);
     }
-    a.LeaveCall();
+    LeaveCall();
 }
 
+// A pooled packet is taken and accepted under one lock.
 void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {
+    Impl& a = *mImpl;
+    if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
+        const uint64_t now = Now();
+        Impl::Acceptance acceptance;
+        PNDIS_PACKET packet;
+        {
+            Lock lock(a.mutex);
+            HostPacket* host = a.TakePooledLocked(frame, length);
+            host->freeOnCompletion = true;
+            packet = &host->packet;
+            a.AcceptLocked(&packet, 1, now, &acceptance);
+        }
+        a.Deliver(&packet, 1, acceptance);
+        return;
+    }
     PNDIS_PACKET packet = AllocatePacket(frame, length, layout);
     HostOf(packet)->freeOnCompletion = true;
     Send(&packet, 1);
@@ -173,22 +287,35 @@ void NdisAdapter::Impl::Finish(PNDIS_PACKET packet, NDIS_STATUS status) {
     {
         Lock lock(mutex);
         callback = onSendComplete;
-        free = packets.count(HostOf(packet)) != 0 && HostOf(packet)->freeOnCompletion;
-        if (free) packets.erase(HostOf(packet));
+        free = packets.count(HostOf(packet)) != 0 && !HostOf(packet)->inPool && HostOf(packet)->freeOnCompletion;
+        if (free) RetireLocked(HostOf(packet));
     }
     if (callback) (*callback)(packet, status);
-    if (free) FreeHostPacket(HostOf(packet));
+    if (!free) return;
+    HostPacket* release;
+    {
+        Lock lock(mutex);
+        release = RecycleLocked(HostOf(packet));
+    }
+    if (release != nullptr) FreeHostPacket(release);
 }
 
+// One lock for the bookkeeping and, without a completion callback, for
+// giving a SendFrame packet back as well.
 void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
-    bool owner, twice = false;
+    bool owner, twice = false, free = false;
+    std::shared_ptr<const SendCallback> callback;
+    HostPacket* release = nullptr;
     {
         Lock lock(mutex);
         auto it = owned.find(packet);
         owner = it != owned.end();
-        HostPacket* host = packets.count(HostOf(packet)) != 0 ? HostOf(packet) : nullptr;
+        HostPacket* host =
+            packets.count(HostOf(packet)) != 0 && !HostOf(packet)->inPool ? HostOf(packet) : nullptr;
         if (owner) {
-            owned.erase(it);
+            if (spareOwned.size() < kPoolKeep) spareOwned.push_back(owned.extract(it));
+            else owned.erase(it);
+            ownedCount.store(owned.size(), std::memory_order_relaxed);
             completed++;
             completedWith[status]++;
             if (host != nullptr) host->completed = true;
@@ -196,12 +323,26 @@ void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
                 KeCancelTimer(&verifierTimer);
                 verifierArmed = false;
             }
+            // The stack's side (as Finish).
+            callback = onSendComplete;
+            free = host != nullptr && host->freeOnCompletion;
+            if (free) {
+                RetireLocked(host);
+                if (!callback) release = RecycleLocked(host);
+            }
         } else {
             twice = host != nullptr && host->completed;
         }
     }
     if (owner) {
-        Finish(packet, status);
+        if (callback) {
+            (*callback)(packet, status);
+            if (free) {
+                Lock lock(mutex);
+                release = RecycleLocked(HostOf(packet));
+            }
+        }
+        if (release != nullptr) FreeHostPacket(release);
     } else if (twice) {
         VerifierFailed(Handle(), (ULONG_PTR)packet, (ULONG_PTR)status, "NdisMSendComplete: packet %p completed twice",
                        packet);
@@ -218,7 +359,7 @@ void NdisAdapter::OnSendComplete(std::function<void(PNDIS_PACKET packet, NDIS_ST
 
 uint64_t NdisAdapter::PacketsSent() const { Lock l(mImpl->mutex); return mImpl->sent; }
 uint64_t NdisAdapter::PacketsCompleted() const { Lock l(mImpl->mutex); return mImpl->completed; }
-uint64_t NdisAdapter::PacketsOutstanding() const { Lock l(mImpl->mutex); return mImpl->owned.size(); }
+uint64_t NdisAdapter::PacketsOutstanding() const { return mImpl->ownedCount.load(std::memory_order_relaxed); }
 uint64_t NdisAdapter::PacketsCompletedWith(NDIS_STATUS status) const {
     Lock lock(mImpl->mutex);
     auto it = mImpl->completedWith.find(status);

@@ -162,6 +162,7 @@ void NdisAdapter::Impl::ReleaseHostMemory() {
     configurations.clear();
     for (HostPacket* host : packets) FreeHostPacket(host);
     packets.clear();
+    pool.clear();
 }
 
 // NDIS stops the hang check first, and lets the calls of the stack under
@@ -192,6 +193,7 @@ void NdisAdapter::Halt() {
         owned = a.owned.size();
         if (owned != 0) first = a.owned.begin()->first;
         a.owned.clear();
+        a.ownedCount.store(0, std::memory_order_relaxed);
         a.setPending = false;
         a.verifierArmed = false;
         KeCancelTimer(&a.verifierTimer);

@@ -58,7 +58,7 @@ struct Scheduler {
         InitializeListHead(&timedWaits);
     }
 
-    std::mutex mutex;  // the dispatcher lock: guards every field below but the atomics
+    kplat_internal::SpinningMutex mutex;  // the dispatcher lock: guards every field below but the atomics
 
     std::atomic<bool> started{false};
     std::atomic<kplat::ClockMode> mode{kplat::ClockMode::Virtual};
@@ -75,6 +75,7 @@ struct Scheduler {
 
     int busy = 0;
     bool dpcRunning = false;
+    int dpcsRunningElsewhere = 0;  // DPCs a thread runs as its IRQL drops (RunOwnDpc)
     ThreadState* controller = nullptr;
     bool controllerBlocked = false;
 
@@ -82,6 +83,11 @@ struct Scheduler {
     std::condition_variable workCv[2];
     std::condition_variable idleCv;
     std::condition_variable timerCv;  // real clock: wakes the timer thread
+    // Real clock: when the timer thread wakes up by itself (UINT64_MAX: not
+    // before it is notified; 0: it is not waiting). A new deadline wakes it
+    // only when it is earlier: a timer set again and again (a watchdog)
+    // costs no wake-up.
+    uint64_t timerWakeAt = 0;
     std::vector<std::thread> threads;
     std::vector<ThreadState*> standInThreads;
 };
@@ -124,14 +130,54 @@ bool IsIdleLocked(Scheduler& s) {
     return IsListEmpty(&s.dpcQueue) && IsListEmpty(&s.workQueue[0]) && IsListEmpty(&s.workQueue[1]) && s.busy == 0;
 }
 
+void RunOwnDpc(void* context);
+void NotifyIfIdleLocked(Scheduler& s);
+
+// A DPC goes to the DPC thread, except on the real clock when a thread of
+// the program (not one of the stand-in's, nor the controller or a driver
+// thread) queues it at DISPATCH_LEVEL: then, as on the processor that
+// queued it, it runs on that thread when its IRQL drops (unless the DPC
+// thread got to it first), and nobody has to wake the DPC thread. Either
+// way it stays in the queue until it runs, for KeRemoveQueueDpc,
+// KeFlushQueuedDpcs and idle detection.
 bool QueueDpcLocked(Scheduler& s, PRKDPC dpc, PVOID a1, PVOID a2) {
     if (dpc->DpcData != NULL) return false;
     dpc->SystemArgument1 = a1;
     dpc->SystemArgument2 = a2;
     dpc->DpcData = (PVOID)&s.dpcQueue;
     InsertTailList(&s.dpcQueue, &dpc->DpcListEntry);
+    if (s.mode.load(std::memory_order_relaxed) == kplat::ClockMode::Real && Self().kind == ThreadKind::External &&
+        DeferUntilIrqlDrops(RunOwnDpc, dpc))
+        return true;
     s.dpcCv.notify_one();
     return true;
+}
+
+// The DPC a thread queued at DISPATCH_LEVEL, now that its IRQL dropped.
+void RunOwnDpc(void* context) {
+    Scheduler& s = S();
+    auto dpc = (PKDPC)context;
+    Lock lk(s.mutex);
+    if (dpc->DpcData == NULL) return;  // ran on the DPC thread, or removed
+    RemoveEntryList(&dpc->DpcListEntry);
+    dpc->DpcData = NULL;
+    PKDEFERRED_ROUTINE routine = dpc->DeferredRoutine;
+    PVOID deferredContext = dpc->DeferredContext, a1 = dpc->SystemArgument1, a2 = dpc->SystemArgument2;
+    s.busy++;
+    s.dpcsRunningElsewhere++;
+    lk.unlock();
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    routine(dpc, deferredContext, a1, a2);
+    if (CurrentIrql() != DISPATCH_LEVEL)
+        CheckFailed(IRQL_NOT_LESS_OR_EQUAL, (ULONG_PTR)routine, CurrentIrql(), DISPATCH_LEVEL, 0,
+                    "a DPC routine returned at another IRQL than DISPATCH_LEVEL");
+    KeLowerIrql(old);
+    lk.lock();
+    s.busy--;
+    s.dpcsRunningElsewhere--;
+    if (IsListEmpty(&s.dpcQueue)) s.idleCv.notify_all();  // KeFlushQueuedDpcs
+    NotifyIfIdleLocked(s);
 }
 
 void WakeLocked(Scheduler& s, WaitBlock* wb, NTSTATUS status, ThreadState* owner) {
@@ -351,11 +397,22 @@ void TimerThread() {
     while (!s.stopping) {
         ExpireDueLocked(s, RealNow(s));
         uint64_t next;
-        if (EarliestDeadlineLocked(s, &next))
+        if (EarliestDeadlineLocked(s, &next)) {
+            s.timerWakeAt = next;
             s.timerCv.wait_until(lk, s.realStart + std::chrono::nanoseconds(next * 100));
-        else
+        } else {
+            s.timerWakeAt = UINT64_MAX;
             s.timerCv.wait(lk);
+        }
+        s.timerWakeAt = 0;
     }
+}
+
+// Real clock: a new deadline for the timer thread (dispatcher lock held).
+void WakeTimerThreadLocked(Scheduler& s, uint64_t deadline) {
+    if (s.mode.load() != kplat::ClockMode::Real || deadline >= s.timerWakeAt) return;
+    s.timerWakeAt = deadline;  // one notification is enough until it waits again
+    s.timerCv.notify_one();
 }
 
 }  // namespace
@@ -479,7 +536,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
         wb.deadline = DeadlineFromDueTime(Timeout->QuadPart);
         wb.sequence = ++s.sequence;
         InsertSortedWaitLocked(s, &wb);
-        if (s.mode.load() == kplat::ClockMode::Real) s.timerCv.notify_one();
+        WakeTimerThreadLocked(s, wb.deadline);
     }
     if (wb.counted) s.busy--;
     if (&self == s.controller) s.controllerBlocked = true;
@@ -529,7 +586,9 @@ void KeFlushQueuedDpcs(void) {
         return;
     }
     Lock lk(s.mutex);
-    s.idleCv.wait(lk, [&] { return (IsListEmpty(&s.dpcQueue) && !s.dpcRunning) || !s.started.load(); });
+    s.idleCv.wait(lk, [&] {
+        return (IsListEmpty(&s.dpcQueue) && !s.dpcRunning && s.dpcsRunningElsewhere == 0) || !s.started.load();
+    });
 }
 
 void KeInitializeTimer(PKTIMER Timer) {
@@ -554,8 +613,8 @@ BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
         // Due already (a zero or past due time): expires now, not at the next
         // move of the clock.
         ExpireTimerLocked(s, Timer);
-    } else if (s.mode.load() == kplat::ClockMode::Real) {
-        s.timerCv.notify_one();
+    } else {
+        WakeTimerThreadLocked(s, Timer->DueTime);
     }
     return wasPending;
 }

@@ -34,8 +34,18 @@ struct WaitBlock {
     std::condition_variable cv;
 };
 
+// Work kept for the moment the thread's IRQL drops (DeferUntilIrqlDrops).
+struct DeferredCall {
+    void (*routine)(void*);
+    void* context;
+};
+
 struct ThreadState {
     KIRQL irql = PASSIVE_LEVEL;
+    static constexpr int kMaxDeferred = 8;
+    DeferredCall deferred[kMaxDeferred] = {};
+    int deferredCount = 0;
+    bool runningDeferred = false;
     ULONG_PTR id = 0;
     ThreadKind kind = ThreadKind::External;
     int spinLocksHeld = 0;  // spin locks this thread acquired and has not released

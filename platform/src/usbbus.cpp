@@ -196,10 +196,8 @@ NTSTATUS UsbBus::Impl::Submit(PIRP irp, PURB urb) {
         return STATUS_PENDING;
     }
     if (!WakeRunnerLocked()) return STATUS_PENDING;  // the loop is running and takes it
-    bool runHere = mInline;
     lk.unlock();
-    if (runHere) RunAtDispatch();
-    else KeInsertQueueDpc(&mDpc, NULL, NULL);
+    Kick();
     return STATUS_PENDING;
 }
 

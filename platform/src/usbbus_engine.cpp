@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "internal.h"
 #include "usbbus_impl.h"
 
 namespace kplat {
@@ -54,7 +55,7 @@ void UsbBus::Impl::EndpointReady(uint8_t endpointAddress) {
         if (Pipe* p = OpenPipeByAddress(endpointAddress)) p->nakWait = false;
         wake = WakeRunnerLocked();
     }
-    if (wake) KeInsertQueueDpc(&mDpc, NULL, NULL);
+    if (wake) Kick();
 }
 
 void UsbBus::Impl::Disconnect() {
@@ -96,6 +97,23 @@ void UsbBus::Impl::Schedule() {
     }
     if (wake) KeInsertQueueDpc(&mDpc, NULL, NULL);
 }
+
+// The loop has work and no runner. Without inline completion the bus's DPC
+// runs it. With it, the calling thread runs it now if it is below
+// DISPATCH_LEVEL; above, as soon as its IRQL drops (as a DPC queued on the
+// current processor would; the stand-in's own threads queue the DPC, which
+// they run next).
+void UsbBus::Impl::Kick() {
+    if (!mInline.load(std::memory_order_relaxed)) {
+        KeInsertQueueDpc(&mDpc, NULL, NULL);
+    } else if (kplat_internal::CurrentIrql() < DISPATCH_LEVEL) {
+        RunAtDispatch();
+    } else if (!kplat_internal::DeferUntilIrqlDrops(RunDeferred, this)) {
+        KeInsertQueueDpc(&mDpc, NULL, NULL);
+    }
+}
+
+void UsbBus::Impl::RunDeferred(void* context) { static_cast<Impl*>(context)->RunAtDispatch(); }
 
 void UsbBus::Impl::RunAtDispatch() {
     KIRQL old = KeGetCurrentIrql();

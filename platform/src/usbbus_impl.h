@@ -9,6 +9,9 @@
 #include <kplat/usbbus.h>
 #include <usbioctl.h>
 
+#include "internal.h"
+
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -226,6 +229,8 @@ struct UsbBus::Impl final : public UsbDevicePort {
     static void DpcRoutine(PKDPC dpc, PVOID context, PVOID a1, PVOID a2);
     void Schedule();
     bool WakeRunnerLocked();
+    void Kick();
+    static void RunDeferred(void* context);
     void RunAtDispatch();
     void Run();
     bool Step(Lock& lk);
@@ -246,7 +251,7 @@ struct UsbBus::Impl final : public UsbDevicePort {
 
     // mLock guards everything below that changes after construction; it is
     // never held while the bus calls the device or completes an IRP.
-    mutable std::mutex mLock;
+    mutable kplat_internal::SpinningMutex mLock;
     PDRIVER_OBJECT mDriver = nullptr;
     PDEVICE_OBJECT mPdo = nullptr;
     KDPC mDpc;
@@ -260,7 +265,7 @@ struct UsbBus::Impl final : public UsbDevicePort {
     UsbDevice* mDevice = nullptr;  // attached device, until the run loop detaches it
     bool mAttached = false;        // accepts URBs
     bool mDisconnectPending = false;
-    bool mInline = false;
+    std::atomic<bool> mInline{false};  // read without the lock
     uint64_t mLinkRate = 0;
 
     // The run loop: one thread at a time runs it (mRunning); whoever finds

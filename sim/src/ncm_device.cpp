@@ -256,8 +256,7 @@ bool NcmDevice::ApplyFaultLocked(Outbox& out, Endpoint e, UsbHandshake* handshak
     const uint8_t address = e == Endpoint::Notify   ? mProfile.notifyEndpoint
                             : e == Endpoint::BulkIn ? mProfile.bulkInEndpoint
                                                     : mProfile.bulkOutEndpoint;
-    const uint64_t now = NowLocked();
-    if (f->nakUntil > now) {
+    if (f->nakUntil != 0 && f->nakUntil > NowLocked()) {
         DeferLocked(out, {PortCall::Ready, f->nakUntil, address, nullptr, false});
         *handshake = UsbHandshake::Nak;
         return true;

@@ -222,17 +222,15 @@ UsbHandshake NcmDevice::OutPacket(uint8_t ep, const uint8_t* data, uint32_t leng
 {
     BusCall call;
     Outbox out;
-    std::vector<Bytes> deliver;
     UsbHandshake result;
+    mDeliver.Clear();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
         out.request = mServiceRequest;
-        result = OutPacketLocked(out, ep, data, length, &deliver);
+        result = OutPacketLocked(out, ep, data, length, &mDeliver);
     }
-    for (const Bytes& f : deliver) {
-        Emit(f.data(), f.size());
-    }
+    Emit(mDeliver);
     Flush(out);
     return result;
 }
@@ -241,7 +239,7 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
 {
     BusCall call;
     Outbox out;
-    std::vector<Bytes> deliver;
+    mDeliver.Clear();
     {
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
@@ -249,7 +247,7 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
         uint32_t offset = 0;
         do {
             const uint32_t n = std::min(maxPacket, length - offset);
-            run->handshake = OutPacketLocked(out, ep, data == nullptr ? nullptr : data + offset, n, &deliver);
+            run->handshake = OutPacketLocked(out, ep, data == nullptr ? nullptr : data + offset, n, &mDeliver);
             if (run->handshake != UsbHandshake::Ack) {
                 break;
             }
@@ -258,15 +256,13 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
             offset += n;
         } while (offset < length);
     }
-    for (const Bytes& f : deliver) {
-        Emit(f.data(), f.size());
-    }
+    Emit(mDeliver);
     Flush(out);
 }
 
 // One OUT packet, under mMutex: what OutPacket and OutPackets do per packet.
 UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* data, uint32_t length,
-                                        std::vector<Bytes>* deliver)
+                                        FrameBatch* deliver)
 {
     if (mUnplugged || mConfiguration == 0 || ep != (mProfile.bulkOutEndpoint & 0x0F)) {
         return UsbHandshake::Stall;
@@ -313,7 +309,7 @@ UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* 
     return UsbHandshake::Ack;
 }
 
-void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
+void NcmDevice::OutTransferLocked(FrameBatch* deliver)
 {
     ++mOutTransferNumber;
     ++mTraffic.outTransfers;
@@ -342,9 +338,12 @@ void NcmDevice::OutTransferLocked(std::vector<Bytes>* deliver)
         left -= block;
     }
     CheckOneNtbLocked(p, left, deliver);
+    // The next transfer reuses the buffer (mOutBuffer is empty here).
+    transfer.clear();
+    mOutBuffer.swap(transfer);
 }
 
-void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, std::vector<Bytes>* deliver)
+void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch* deliver)
 {
     ++mTraffic.outNtbs;
     CheckResult r = CheckNtb(data, length, OutRulesLocked());
@@ -377,7 +376,7 @@ void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, std::vecto
         }
         ++mTraffic.outDatagrams;
         CountFrameLocked(data + d.offset, d.length, false);
-        deliver->emplace_back(data + d.offset, data + d.offset + d.length);
+        deliver->Add(data + d.offset, d.length);
     }
 }
 
@@ -470,7 +469,13 @@ void NcmDevice::OnFrame(const uint8_t* frame, size_t length)
             ++mStatistics[cdc::kRcvNoBuffer - 1];
             return;
         }
-        mFrames.emplace_back(frame, frame + length);
+        if (mSpareFrames.empty()) {
+            mFrames.emplace_back(frame, frame + length);
+        } else {
+            mFrames.push_back(std::move(mSpareFrames.back()));
+            mSpareFrames.pop_back();
+            mFrames.back().assign(frame, frame + length);
+        }
         if (mInWaiting) {
             mInWaiting = false;
             SignalLocked(out, mProfile.bulkInEndpoint);
@@ -532,6 +537,9 @@ bool NcmDevice::StartInTransferLocked()
         }
         for (size_t i = 0; i < taken; ++i) {
             CountFrameLocked(mFrames.front().data(), mFrames.front().size(), true);
+            if (mSpareFrames.size() < kSpareFrames) {
+                mSpareFrames.push_back(std::move(mFrames.front()));  // its buffer serves a later frame
+            }
             mFrames.pop_front();
         }
         ++mInSequence;

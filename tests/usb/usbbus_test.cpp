@@ -242,6 +242,22 @@ class UsbBusNak : public UsbBusBulk {};
 // ---------------------------------------------------------------------------
 class UsbBusCompletion : public UsbBusBulk {};
 
+// As the bus's DPC on the submitting processor: held until the IRQL drops.
+TEST_F(UsbBusCompletion, InlineCompletionAtDispatchLevelWaitsForTheIrqlToDrop) {
+    bus->SetInlineCompletion(true);
+    Bytes data = Pattern(100);
+    Request& r = BulkRequest(bulkOut, 0, data.data(), 100);
+    KIRQL old;
+    KeRaiseIrql(DISPATCH_LEVEL, &old);
+    EXPECT_EQ(Send(r), STATUS_PENDING);
+    EXPECT_FALSE(r.done());
+    KeLowerIrql(old);
+    ASSERT_TRUE(r.done());
+    EXPECT_EQ(r.irql, DISPATCH_LEVEL);
+    EXPECT_EQ(r.thread, std::this_thread::get_id());
+    EXPECT_EQ(r.status, STATUS_SUCCESS);
+}
+
 // ---------------------------------------------------------------------------
 // Pacing
 // ---------------------------------------------------------------------------

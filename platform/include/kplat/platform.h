@@ -29,6 +29,10 @@ struct Options {
 // Starts the stand-in: the DPC thread, one worker thread per work queue and,
 // on the real clock, the timer thread. The calling thread becomes the
 // controller (the thread whose activity keeps the virtual clock still).
+// On the real clock a DPC that a thread of the program (not the controller,
+// not a driver thread) queues at DISPATCH_LEVEL runs on that thread when its
+// IRQL drops below DISPATCH_LEVEL, as on the processor that queued it,
+// unless the DPC thread gets to it first.
 // Pool accounting, registry and debug sink are left as they are.
 void Start(const Options& options = Options());
 // Runs until idle, then stops and joins the threads. Pending timers are

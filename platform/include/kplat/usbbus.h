@@ -46,7 +46,10 @@
 // at DISPATCH_LEVEL, from the bus's own DPC. With SetInlineCompletion(true)
 // the bus works on the request right inside IofCallDriver (raised to
 // DISPATCH_LEVEL) and may complete it before IofCallDriver returns -- still
-// returning STATUS_PENDING, as a real bus does. The bus never holds its lock
+// returning STATUS_PENDING, as a real bus does. A request submitted at
+// DISPATCH_LEVEL is worked on when the submitting thread's IRQL drops below
+// it, as the bus's DPC would run on that processor (on the stand-in's own
+// threads: from the bus's DPC); the same goes for EndpointReady. The bus never holds its lock
 // while it completes an IRP or calls the device, and calls the device one
 // call at a time.
 //

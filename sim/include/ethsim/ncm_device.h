@@ -257,10 +257,10 @@ private:
     void Answer(kplat::UsbControlTransfer* t, const Bytes& bytes);
 
     kplat::UsbHandshake OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* data, uint32_t length,
-                                        std::vector<Bytes>* deliver);
+                                        FrameBatch* deliver);
     kplat::UsbHandshake InPacketLocked(Outbox& out, uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
-    void OutTransferLocked(std::vector<Bytes>* deliver);
-    void CheckOneNtbLocked(const uint8_t* data, size_t length, std::vector<Bytes>* deliver);
+    void OutTransferLocked(FrameBatch* deliver);
+    void CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch* deliver);
     void RecordLocked(Violation kind, std::string detail);
     kplat::UsbHandshake BulkInLocked(Outbox& out, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
     kplat::UsbHandshake NotifyInLocked(Outbox& out, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
@@ -317,6 +317,10 @@ private:
     std::deque<ControlRecord> mRequestLog;
 
     // Bulk OUT.
+    // The good datagrams of a bus call, for the network after the lock is
+    // released. Only OutPacket and OutPackets use it, and the bus makes one
+    // call at a time.
+    FrameBatch mDeliver;
     Bytes mOutBuffer;
     bool mLastOutEndedAtMax = false;
     bool mOutSequenceValid = false;
@@ -328,6 +332,10 @@ private:
 
     // Bulk IN.
     std::deque<Bytes> mFrames;
+    // Frames sent on to the host, kept for their buffers: a frame from the
+    // network reuses one instead of allocating.
+    static constexpr size_t kSpareFrames = 256;
+    std::vector<Bytes> mSpareFrames;
     std::deque<Injected> mInjected;
     InTransfer mIn;
     bool mInWaiting = false;

@@ -20,10 +20,45 @@
 
 namespace ethsim {
 
+// Frames handed on together: their bytes back to back in one buffer that
+// keeps its capacity from one batch to the next, so that collecting frames
+// allocates nothing once it has grown.
+class FrameBatch {
+public:
+    void Add(const uint8_t* frame, size_t length)
+    {
+        mFrames.push_back(Span{mBytes.size(), length});
+        mBytes.insert(mBytes.end(), frame, frame + length);
+    }
+    void Clear()
+    {
+        mBytes.clear();
+        mFrames.clear();
+    }
+    size_t Count() const { return mFrames.size(); }
+    const uint8_t* Frame(size_t i) const { return mBytes.data() + mFrames[i].offset; }
+    size_t Length(size_t i) const { return mFrames[i].length; }
+
+private:
+    struct Span {
+        size_t offset;
+        size_t length;
+    };
+    Bytes mBytes;
+    std::vector<Span> mFrames;
+};
+
 class FrameSink {
 public:
     virtual ~FrameSink() = default;
     virtual void OnFrame(const uint8_t* frame, size_t length) = 0;
+    // Several frames at once, in order; by default one OnFrame each.
+    virtual void OnFrames(const FrameBatch& batch)
+    {
+        for (size_t i = 0; i < batch.Count(); ++i) {
+            OnFrame(batch.Frame(i), batch.Length(i));
+        }
+    }
 };
 
 class FrameSource {
@@ -43,6 +78,18 @@ protected:
             return false;
         }
         sink->OnFrame(frame, length);
+        return true;
+    }
+
+    bool Emit(const FrameBatch& batch)
+    {
+        FrameSink* sink = mSink.load();
+        if (sink == nullptr) {
+            return false;
+        }
+        if (batch.Count() != 0) {
+            sink->OnFrames(batch);
+        }
         return true;
     }
 
