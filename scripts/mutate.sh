@@ -37,13 +37,9 @@ src="$scratch/src"
 build="$src/build/default"
 mkdir -p "$src" "$build"
 find "$src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
-tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -xf -
-# A run that was stopped inside a mutant left that file's mutated object in
-# the build: the copy above is older than it, so it is marked changed.
-if [ -f "$scratch/applied" ]; then
-  touch "$src/$(cat "$scratch/applied")"
-  rm -f "$scratch/applied"
-fi
+# Copied with new modification times (-m): objects an earlier run built from
+# other texts are never taken for current; ccache keeps the rebuild cheap.
+tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -m -xf -
 
 export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}"
 export CMAKE_C_COMPILER_LAUNCHER="${CMAKE_C_COMPILER_LAUNCHER:-ccache}"
@@ -77,7 +73,6 @@ while IFS=$'\t' read -r name file text repl rule; do
   [ -n "$only" ] && ! [[ "$name" =~ $only ]] && continue
   start=$SECONDS
   cp -p "$src/$file" "$scratch/original"
-  echo "$file" >"$scratch/applied"
   if ! apply "$src/$file" "$text" "$repl"; then
     result=stale; stale=$((stale + 1))
   elif ! cmake --build "$build" -j "$jobs" >"$scratch/mutant-build.log" 2>&1; then
@@ -94,7 +89,6 @@ while IFS=$'\t' read -r name file text repl rule; do
   # Back with a new modification time, so the next build recompiles it.
   cp "$scratch/original" "$src/$file"
   touch "$src/$file"
-  rm -f "$scratch/applied"
   printf '%-9s %-28s %4ss  %s: %s\n' "${result%% *}" "$name" "$((SECONDS - start))" "$file" "$rule"
   [ "${result#killed by }" != "$result" ] && printf '          %s\n' "$result"
 done <"$list"

@@ -7,6 +7,8 @@
 #include <functional>
 #include <thread>
 
+#include <ethsim/descriptors.h>
+
 #include "testbed.h"
 
 using ethsim::DeviceProfile;
@@ -100,6 +102,61 @@ TEST(Init, ExitGivesTheConfigurationUp)
     bed.DestroyCont();
     EXPECT_EQ(bed.Bus().ConfigurationValue(), 0);
     EXPECT_EQ(Bed::DriverLedger(), "");
+}
+
+// The default configuration descriptor, cut into its descriptors, edited and
+// joined again (wTotalLength follows).
+DeviceProfile WithDescriptors(std::function<void(std::vector<testbed::Bytes>&)> edit)
+{
+    DeviceProfile p;
+    testbed::Bytes all = ethsim::BuildConfigurationDescriptor(p, p.speed);
+    std::vector<testbed::Bytes> parts;
+    for (size_t at = 0; at < all.size(); at += all[at]) parts.emplace_back(all.begin() + at, all.begin() + at + all[at]);
+    edit(parts);
+    testbed::Bytes joined;
+    for (const testbed::Bytes& d : parts) joined.insert(joined.end(), d.begin(), d.end());
+    joined[2] = (uint8_t)joined.size();
+    joined[3] = (uint8_t)(joined.size() >> 8);
+    p.rawConfiguration = joined;
+    return p;
+}
+
+size_t EthernetAt(const std::vector<testbed::Bytes>& parts)
+{
+    for (size_t i = 0; i < parts.size(); i++)
+        if (parts[i][1] == 0x24 && parts[i][2] == 0x0F) return i;
+    return 0;
+}
+
+TEST(Init, ShortFunctionalDescriptorsAreReadOnlyAsFarAsTheyGo)
+{
+    // An Ethernet descriptor of 10 bytes has no wNumberMCFilters: it reads 0.
+    Traits t = Control();
+    t.profile = WithDescriptors([](std::vector<testbed::Bytes>& d) {
+        testbed::Bytes& e = d[EthernetAt(d)];
+        e.resize(10);
+        e[0] = 10;
+    });
+    Bed shortEthernet(t);
+    ASSERT_EQ(shortEthernet.BringUpStatus(), STATUS_SUCCESS);
+    EXPECT_EQ(shortEthernet.Cont().GetMaxSegmentSize(), 1514u);
+    EXPECT_EQ(shortEthernet.Cont().GetNumberMCFilters(), 0u);
+}
+
+TEST(Init, AFunctionalDescriptorShorterThanThreeBytesEndsTheSearch)
+{
+    // Behind it a descriptor whose length byte looks like the Ethernet subtype.
+    Traits t = Control(nullptr, false);
+    t.profile = WithDescriptors([](std::vector<testbed::Bytes>& d) {
+        testbed::Bytes filler(15, 0);
+        filler[0] = 15;
+        filler[1] = 0x24;
+        filler[2] = 0x77;
+        d.insert(d.begin() + EthernetAt(d), {testbed::Bytes{2, 0x24}, filler});
+    });
+    Bed bed(t);
+    EXPECT_EQ(bed.Init(), STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(bed.Traced("cannot find the Ethernet functional descriptor"));
 }
 
 TEST(Start, RefusedRequestsAndTheCrcCapability)
@@ -263,11 +320,13 @@ TEST(Streams, ReadErrorsRestartAndABurstShrinksTheReads)
 TEST(Streams, RemovalEndsReadingWithoutRestart)
 {
     Bed bed(OneRead());
+    EXPECT_EQ(Peer::InStream(bed.Cont()).GetNumberOfBuffersOutstanding(), 1u);
     bed.Device().Unplug();
     kplat::AdvanceTime(1000);
     StreamIn& in = Peer::InStream(bed.Cont());
     EXPECT_TRUE(in.IsDeviceRemoved());
     EXPECT_EQ(in.GetPendingCount(), 0u);
+    EXPECT_EQ(in.GetNumberOfBuffersOutstanding(), 0u);
     EXPECT_EQ(in.GetRestartQueuedCount(), 0u);
     EXPECT_EQ(Peer::RxErrorCount(bed.Cont()), 0u) << "a removal is not a receive error";
     EXPECT_EQ(bed.TraceCount(":DeviceContNcm::IndicateError:"), 1u);
@@ -374,6 +433,9 @@ TEST(Streams, AReadTheBusHoldsPastTheDrainIsFreedOnlyOnceBack)
 {
     Bed bed(Control());
     bed.Bus().HoldAbortedTransfers(kBulkIn, 25000);  // longer than both drains
+    const uint64_t start = kplat::Now();
+    bed.Cont().Stop();
+    EXPECT_LT((kplat::Now() - start) / 10000, 11000u) << "the drain gives up after its 10 s";
     bed.DestroyCont();
     EXPECT_EQ(kplat::GetPoolTagStats(KN_POOL_TAG_USB_BUFFER).liveCount, 0u) << kplat::PoolLeakReport();
     EXPECT_EQ(bed.TraceCount("StreamIN82::Stop: drain timed out, buffers stay with the bus\n"), 1u);

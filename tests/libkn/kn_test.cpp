@@ -216,6 +216,7 @@ TEST(Locks, SpinLockCountsItsHolderAndCounterEventSignalsAtZero)
     KnCounterEvent counter;
     EXPECT_EQ(counter.Wait(0), STATUS_SUCCESS);
     EXPECT_EQ(counter.Increment(), 1u);
+    EXPECT_EQ(counter.Wait(10), STATUS_TIMEOUT);
     EXPECT_EQ(counter.Increment(), 2u);
     EXPECT_EQ(counter.Wait(10), STATUS_TIMEOUT);
     EXPECT_EQ(counter.Decrement(), 1u);

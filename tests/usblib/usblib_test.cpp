@@ -45,6 +45,7 @@ TEST(ConfigDescriptor, WalksStopAtEveryMalformedDescriptor)
         {"ends exactly at the end", Config({kHeader, Interface(0, 0, 2), Interface(1, 0, 10), kEndpoint}),
          STATUS_SUCCESS, true, true},
         {"short interface", Config({kHeader, Interface(0, 0, 2), {5, 4, 1, 0, 0}, kEndpoint}), STATUS_SUCCESS, false, true},
+        {"one byte past the end", Config({kHeader, Interface(0, 0, 2), {5, 5, 0x81, 3}}), STATUS_SUCCESS, false, false},
         {"wTotalLength 8", Config({kHeader}, 8), STATUS_INVALID_PARAMETER, false, false},
         {"wTotalLength 4097", Config({kHeader}, 4097), STATUS_INVALID_PARAMETER, false, false},
     };
