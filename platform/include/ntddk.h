@@ -5,6 +5,9 @@
 // platform's published ones; integer widths are those of the x64 kernel
 // (ULONG and LONG are 32 bits). What each operation does not model is written
 // next to its declaration.
+//
+// One header on purpose, as the platform's own ntddk.h is: the driver
+// includes it and nothing else for kernel services.
 #pragma once
 
 #include <stddef.h>

@@ -12,6 +12,10 @@
 // behalf in the same critical section, so there is no moment at which a woken
 // thread looks idle. Idle = no DPC or work item queued and busy == 0; every
 // transition is made under the dispatcher lock, so one check is exact.
+//
+// One file on purpose: everything here runs under the one dispatcher lock
+// and its idle rule reads all the queues together; split, the lock's
+// invariants would be spread over files that must be read together anyway.
 #include <kplat/platform.h>
 
 #include <algorithm>

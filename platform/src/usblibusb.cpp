@@ -1,5 +1,8 @@
 // A real USB device through libusb-1.0 (see kplat/usblibusb.h for how the
 // bus's packets become libusb transfers).
+//
+// One file on purpose: the control worker, the OUT gatherer, the IN
+// read-ahead and the event thread share the endpoint table and its lock.
 #include <kplat/usblibusb.h>
 
 #include <libusb-1.0/libusb.h>

@@ -1,6 +1,9 @@
 // The simulated NCM function's data endpoints: notifications on interrupt
 // IN, bulk OUT transfers checked NTB by NTB and passed to the network, and
 // frames from the network packed into NTBs on bulk IN.
+//
+// The three endpoints stay together: they share the function's data
+// state (alternate setting, NTB format, queues) under the device's lock.
 #include "ethsim/ncm_device.h"
 
 #include "ethsim/descriptors.h"
