@@ -48,7 +48,7 @@ cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER
       -DCMAKE_CXX_COMPILER=g++ -DETHBRG_WERROR=ON -DETHBRG_BENCH=OFF >/dev/null
 echo "building the unmutated tree in $build"
 cmake --build "$build" -j "$jobs" >"$scratch/build.log" 2>&1 || { tail -30 "$scratch/build.log"; exit 1; }
-if ! timeout -k 10 "$limit" ctest --test-dir "$build" -j "$jobs" --output-on-failure >"$scratch/baseline.log" 2>&1; then
+if ! timeout -k 10 "$limit" ctest --test-dir "$build" -j "$jobs" -LE usbvm --output-on-failure >"$scratch/baseline.log" 2>&1; then
   echo "the unmutated tree fails its tests:"; tail -30 "$scratch/baseline.log"; exit 1
 fi
 
@@ -77,7 +77,7 @@ while IFS=$'\t' read -r name file text repl rule; do
     result=stale; stale=$((stale + 1))
   elif ! cmake --build "$build" -j "$jobs" >"$scratch/mutant-build.log" 2>&1; then
     result=invalid; invalid=$((invalid + 1))
-  elif timeout -k 10 "$limit" ctest --test-dir "$build" -j "$jobs" --stop-on-failure \
+  elif timeout -k 10 "$limit" ctest --test-dir "$build" -j "$jobs" -LE usbvm --stop-on-failure \
          >"$scratch/mutant-test.log" 2>&1; then
     result=survived; survived=$((survived + 1)); survivors+=("$name")
   else
