@@ -80,10 +80,18 @@ public:
         }
         if (r.transferType != 3 || !Matches(r)) return;
         const bool isIn = (r.endpoint & 0x80) != 0;
-        if (isIn && r.type == 'C' && (r.status == 0 || r.status == -121 /* -EREMOTEIO: short */)) {
-            if (r.dataLength == 0) return;
+        // IN data is captured at completion, OUT data at submission.
+        const bool device = isIn && r.type == 'C' && (r.status == 0 || r.status == -121 /* -EREMOTEIO: short */) &&
+                            r.dataLength != 0;
+        const bool host = !isIn && r.type == 'S' && r.length != 0;
+        if (!device && !host) return;
+        if (r.truncated) {
+            mTruncated++;  // the capture kept fewer bytes than the NTB has
+            return;
+        }
+        if (device) {
             DeviceNtb(packet, r);
-        } else if (!isIn && r.type == 'S' && r.length != 0) {
+        } else {
             HostNtb(packet, r);
         }
     }
@@ -142,7 +150,9 @@ private:
         mSetups.erase(it);
         if (r.status != 0) return;
         if (setup[0] & 0x80) ControlDone(r, setup.data(), r.data, r.dataLength);
-        else if (setup[0] == 0x01 && setup[1] == ethsim::usb::kSetInterface) SetInterface(setup.data());
+        // A new alternate setting of the data interface restarts the
+        // sequence numbers.
+        else if (setup[0] == 0x01 && setup[1] == ethsim::usb::kSetInterface) mHostSequenceKnown = false;
     }
 
     void ControlDone(const Record& r, const uint8_t* setup, const uint8_t* data, uint32_t length)
@@ -172,17 +182,9 @@ private:
         }
     }
 
-    void SetInterface(const uint8_t* setup)
-    {
-        // A new alternate setting of the data interface restarts the
-        // sequence numbers.
-        (void)setup;
-        mHostSequenceKnown = false;
-    }
-
     void Configuration(const Record& r, const uint8_t* d, uint32_t length)
     {
-        if (mEndpointsKnown && mIn >= 0 && mExplicit) return;
+        if (mExplicit) return;  // the endpoints were given
         bool inData = false;
         int in = -1, out = -1;
         for (uint32_t at = 0; at + 2 <= length && d[at] >= 2; at += d[at]) {
@@ -197,10 +199,8 @@ private:
             }
         }
         if (in < 0 || out < 0) return;
-        if (!mExplicit) {
-            mIn = in;
-            mOut = out;
-        }
+        mIn = in;
+        mOut = out;
         mEndpointsKnown = true;
         mDevice = r.device;
         mBus = r.bus;
@@ -213,10 +213,6 @@ private:
 
     void HostNtb(uint64_t packet, const Record& r)
     {
-        if (r.truncated) {
-            mTruncated++;
-            return;
-        }
         ethsim::OutRules rules = mOutRules;
         rules.ntb32 = mNtb32;
         rules.crcMode = mCrc;
@@ -241,10 +237,6 @@ private:
 
     void DeviceNtb(uint64_t packet, const Record& r)
     {
-        if (r.truncated) {
-            mTruncated++;
-            return;
-        }
         ethsim::OutRules rules;
         rules.ntb32 = mNtb32;
         rules.maxSize = mInMax;
