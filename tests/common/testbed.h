@@ -182,7 +182,7 @@ private:
 class Bed {
 public:
     explicit Bed(const Traits& traits = Traits())
-        : mTraits(traits), mScope(kplat::Options{traits.clock}), mDevice(traits.profile)
+        : mTraits(traits), mScope(kplat::Options{traits.clock}), mDevice(StartProfile(traits))
     {
         kplat::RegistryClear();
         kplat::ClearErrorLog();
@@ -239,6 +239,17 @@ public:
     Bed(const Bed&) = delete;
     Bed& operator=(const Bed&) = delete;
 
+    // The adapter's device starts with its link down and Plug brings it up
+    // once MPInitialize has returned. A link reported while MPInitialize
+    // still runs sets the media state without an indication (the stack
+    // queries the state after initialization), and whether the report
+    // comes before or after the end of MPInitialize is up to the threads.
+    static ethsim::DeviceProfile StartProfile(const Traits& traits)
+    {
+        ethsim::DeviceProfile p = traits.profile;
+        if (traits.layer == Layer::Adapter) p.linkUp = false;
+        return p;
+    }
     static std::string AdapterKey() { return kplat::AdapterKeyPath(0); }
     static std::string Hex(uint32_t v)
     {
