@@ -153,7 +153,6 @@ int RunBridge(const BridgeOptions& o)
     tap.SetMac(mac.data());
     tap.SetMtu(mtu);
     tap.SetUp();
-    tap.SetCarrier(host.MediaConnected());
 
     // The device's network side.
     const ethsim::MacAddress responderMac = {0x02, 0x45, 0x54, 0x48, 0xFE, 0x02};

@@ -228,11 +228,14 @@ NDIS_STATUS Host::Plug()
     for (const kplat::PoolTagStats& s : kplat::GetPoolStats()) mDriverBlocks[s.tag] = {s.liveCount, s.liveBytes};
     kplat::AdapterOptions options;
     options.parametersKey = kplat::AdapterKeyPath(0);
+    {
+        std::lock_guard<std::mutex> lock(mMediaMutex);
+        mMediaIndications = 0;
+    }
     mAdapter.reset(new kplat::NdisAdapter(*mDriver, *mBus, options));
     mAdapter->OnStatus([this](NDIS_STATUS status) {
         if (status != NDIS_STATUS_MEDIA_CONNECT && status != NDIS_STATUS_MEDIA_DISCONNECT) return;
-        mConnected.store(status == NDIS_STATUS_MEDIA_CONNECT);
-        if (mOnMedia) mOnMedia(status == NDIS_STATUS_MEDIA_CONNECT);
+        SetMedia(status == NDIS_STATUS_MEDIA_CONNECT);
     });
     mAdapter->OnReceive([this](NDIS_HANDLE, const uint8_t* header, UINT headerSize, const uint8_t* lookahead,
                                UINT lookaheadSize, UINT packetSize) {
@@ -247,11 +250,16 @@ NDIS_STATUS Host::Plug()
         if (mPcap) mPcap->Write(frame, n + m);
         if (mOnFrame) mOnFrame(frame, n + m);
     });
+    // As NDIS does after initialization: the state the device reported
+    // while MPInitialize still ran comes with no indication.
     if (mAdapter->IsInitialized()) {
+        std::lock_guard<std::mutex> lock(mMediaMutex);
         ULONG state = 0, written = 0, needed = 0;
-        if (mAdapter->Query(OID_GEN_MEDIA_CONNECT_STATUS, &state, sizeof(state), &written, &needed) ==
-            NDIS_STATUS_SUCCESS) {
+        if (mMediaIndications == 0 &&
+            mAdapter->Query(OID_GEN_MEDIA_CONNECT_STATUS, &state, sizeof(state), &written, &needed) ==
+                NDIS_STATUS_SUCCESS) {
             mConnected.store(state == NdisMediaStateConnected);
+            if (mOnMedia) mOnMedia(state == NdisMediaStateConnected);
         }
     }
     return mAdapter->InitializeStatus();
@@ -285,6 +293,14 @@ void Host::Shutdown()
     kplat::SetDebugSinkStderr();
 }
 
+void Host::SetMedia(bool connected)
+{
+    std::lock_guard<std::mutex> lock(mMediaMutex);
+    mMediaIndications++;
+    mConnected.store(connected);
+    if (mOnMedia) mOnMedia(connected);
+}
+
 void Host::RemoveAdapter()
 {
     if (!mAdapter) return;
@@ -292,6 +308,7 @@ void Host::RemoveAdapter()
     mOutstandingAtHalt = mAdapter->PacketsOutstanding();
     mAdapter.reset();
     kplat::RunUntilIdle();
+    std::lock_guard<std::mutex> lock(mMediaMutex);
     mConnected.store(false);
     mLedger = LedgerNow(mDriverBlocks);
 }

@@ -23,6 +23,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -93,7 +94,8 @@ public:
     // Called for every frame indicated to the stack (header and data joined),
     // after it went into the Ethernet pcap. Set before Plug.
     void OnFrame(std::function<void(const uint8_t* frame, size_t length)> callback);
-    // Media state as the stack saw it from status indications.
+    // Media state as the stack sees it: queried once the adapter is
+    // initialized, then from status indications. The callback hears both.
     bool MediaConnected() const { return mConnected.load(); }
     void OnMediaChange(std::function<void(bool connected)> callback) { mOnMedia = std::move(callback); }
     uint64_t FramesTruncated() const { return mTruncated.load(); }
@@ -144,6 +146,11 @@ private:
     std::unique_ptr<kplat::NdisAdapter> mAdapter;
     std::unique_ptr<PcapWriter> mPcap;
     std::function<void(const uint8_t*, size_t)> mOnFrame;
+    void SetMedia(bool connected);
+    // Orders the media state taken after initialization with the status
+    // indications; guards mMediaIndications and the calls of mOnMedia.
+    std::mutex mMediaMutex;
+    uint64_t mMediaIndications = 0;  // since the adapter was created
     std::function<void(bool)> mOnMedia;
     std::atomic<bool> mConnected{false};
     std::atomic<uint64_t> mTruncated{0};

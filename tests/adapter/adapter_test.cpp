@@ -142,6 +142,22 @@ TEST(Adapter, StuckTransmitIsAHangAndTheResetBringsTrafficBack)
     EXPECT_EQ(bed.Received().size(), 1u);
 }
 
+TEST(Adapter, AResetWhoseRestartFailsReportsAHardError)
+{
+    const struct {
+        uint32_t stalls;  // control requests refused from the reset on
+        NDIS_STATUS status;
+    } rows[] = {{0, NDIS_STATUS_SUCCESS}, {100, NDIS_STATUS_HARD_ERRORS}};
+    for (const auto& r : rows) {
+        Bed bed;
+        if (r.stalls != 0) bed.Device().StallNextControl(r.stalls);
+        EXPECT_EQ(bed.Adapter().Reset(), NDIS_STATUS_PENDING);
+        bed.Settle(5000);
+        EXPECT_FALSE(bed.Adapter().ResetPending());
+        EXPECT_EQ(bed.Adapter().LastResetStatus(), r.status) << r.stalls << " stalls";
+    }
+}
+
 TEST(Adapter, HaltAndSurpriseRemovalCompleteEveryPacket)
 {
     for (bool surprise : {false, true}) {
@@ -177,6 +193,7 @@ TEST(Adapter, ConfigurationLimitsShowInTheAnswers)
         {"RxBuffers", 300, OID_GEN_RECEIVE_BUFFER_SPACE, 192000},
         {"VlanID", 4095, OID_GEN_VLAN_ID, 4094},             {"VlanID", 4093, OID_GEN_VLAN_ID, 4093},
         {"VlanID", 5000, OID_GEN_VLAN_ID, 4094},             {"DefaultLinkSpeed", 12345, OID_GEN_LINK_SPEED, 12345},
+        {"VlanEnabled", 1, OID_GEN_MAXIMUM_FRAME_SIZE, 1496}, {"VlanEnabled", 0, OID_GEN_MAXIMUM_FRAME_SIZE, 1500},
     };
     for (const Row& r : rows) {
         Traits t;
@@ -184,6 +201,41 @@ TEST(Adapter, ConfigurationLimitsShowInTheAnswers)
         t.connect = false;
         Bed bed(t);
         EXPECT_EQ(bed.QueryUlong(r.oid), r.expected) << r.name << "=" << r.value;
+    }
+}
+
+TEST(Adapter, TransferDataStaysInsideTheLargestFrame)
+{
+    struct Row {
+        UINT offset, count;
+        NDIS_STATUS status;
+    };
+    // The received frame carries 1500 bytes after its header, as many as the MTU.
+    const Row rows[] = {{0, 1500, NDIS_STATUS_SUCCESS}, {1499, 1, NDIS_STATUS_SUCCESS},
+                        {0, 1501, NDIS_STATUS_FAILURE}, {1, 1500, NDIS_STATUS_FAILURE},
+                        {0xFFFFFFFFu, 2, NDIS_STATUS_FAILURE}};
+    Bed bed;
+    const Bytes frame = Frame(1514, 3);
+    for (const Row& r : rows) {
+        std::vector<uint8_t> room(r.count > 1500 ? 1 : r.count);
+        PNDIS_PACKET packet = bed.Adapter().AllocatePacket(room.data(), room.size());
+        NDIS_STATUS status = NDIS_STATUS_PENDING;
+        UINT done = ~0u;
+        bed.Adapter().OnReceive([&](NDIS_HANDLE context, const uint8_t*, UINT, const uint8_t*, UINT, UINT) {
+            status = bed.Adapter().TransferData(context, r.offset, r.count, packet, &done);
+        });
+        bed.Device().OnFrame(frame.data(), frame.size());
+        bed.Settle(50);
+        SCOPED_TRACE(testing::Message() << "offset " << r.offset << " count " << r.count);
+        EXPECT_EQ(status, r.status);
+        if (r.status == NDIS_STATUS_SUCCESS) {
+            EXPECT_EQ(done, r.count);
+            EXPECT_EQ(kplat::NdisAdapter::PacketBytes(packet), Bytes(frame.begin() + 14 + r.offset,
+                                                                      frame.begin() + 14 + r.offset + r.count));
+        } else {
+            EXPECT_EQ(done, 0u);
+        }
+        bed.Adapter().FreePacket(packet);
     }
 }
 
