@@ -15,5 +15,5 @@ cmake --build --preset "$preset" -j "$jobs"
 if [ "$preset" = windows ]; then
   scripts/check-image.sh
 else
-  ctest --preset "$preset" -j "$jobs" -LE usbvm
+  ctest --preset "$preset" -j "$jobs"
 fi
