@@ -126,8 +126,11 @@ TEST(Adapter, StuckTransmitIsAHangAndTheResetBringsTrafficBack)
     t.params = {{"TxTimeout", 1000}};
     Bed bed(t);
     bed.Device().NakEndpointFor(0x02, 60000);
-    bed.Send({Frame(200, 1), Frame(200, 2)}, 0);
-    bed.Send({Frame(200, 3)}, 999);
+    // Each frame takes one of the four transfer buffers; the fifth finds
+    // none, waits in the queue and arms the watchdog anew.
+    for (uint32_t i = 1; i <= 4; i++) bed.Send({Frame(200, i)}, 0);
+    bed.Settle(500);
+    bed.Send({Frame(200, 5)}, 999);
     EXPECT_FALSE(Logged(0xE0070304, {1}));
     bed.Settle(2);
     EXPECT_TRUE(Logged(0xE0070304, {1}));
