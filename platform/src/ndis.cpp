@@ -35,7 +35,7 @@ void VerifierFailed(NDIS_HANDLE adapter, ULONG_PTR p2, ULONG_PTR p3, const char*
 
 NdisAdapter::Impl* AdapterOf(NDIS_HANDLE handle, const char* what) {
     {
-        std::lock_guard<std::mutex> lock(G().mutex);
+        std::shared_lock<std::shared_mutex> lock(G().mutex);
         auto* adapter = (NdisAdapter::Impl*)handle;
         if (G().adapters.count(adapter) != 0) return adapter;
     }
@@ -44,7 +44,7 @@ NdisAdapter::Impl* AdapterOf(NDIS_HANDLE handle, const char* what) {
 }
 
 NdisAdapter::Impl* AdapterOfFdo(PDEVICE_OBJECT fdo) {
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::shared_lock<std::shared_mutex> lock(G().mutex);
     for (NdisAdapter::Impl* adapter : G().adapters)
         if (adapter->fdo == fdo) return adapter;
     return nullptr;
@@ -84,7 +84,7 @@ namespace {
 
 NdisDriver::Impl* DriverOfWrapper(NDIS_HANDLE wrapper, const char* what) {
     {
-        std::lock_guard<std::mutex> lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         auto* driver = (NdisDriver::Impl*)wrapper;
         if (G().drivers.count(driver) != 0) return driver;
     }
@@ -151,7 +151,7 @@ bool ParseNumber(const std::u16string& text, unsigned base, ULONG* value) {
 
 NdisConfiguration* ConfigurationOf(NDIS_HANDLE handle, const char* what) {
     auto* configuration = (NdisConfiguration*)handle;
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::lock_guard<std::shared_mutex> lock(G().mutex);
     for (NdisAdapter::Impl* adapter : G().adapters) {
         std::lock_guard<std::mutex> adapterLock(adapter->mutex);
         if (adapter->configurations.count(configuration) != 0) return configuration;
@@ -175,7 +175,7 @@ void NdisInitializeWrapper(PNDIS_HANDLE NdisWrapperHandle, PVOID SystemSpecific1
     (void)SystemSpecific2;
     (void)SystemSpecific3;
     *NdisWrapperHandle = nullptr;
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::lock_guard<std::shared_mutex> lock(G().mutex);
     for (NdisDriver::Impl* driver : G().drivers) {
         if (driver->driverObject == (PDRIVER_OBJECT)SystemSpecific1) {
             driver->wrapperOpen = true;
@@ -253,7 +253,7 @@ void NdisOpenConfiguration(PNDIS_STATUS Status, PNDIS_HANDLE ConfigurationHandle
     auto* context = (NdisAdapter::Impl::ConfigContext*)WrapperConfigurationContext;
     NdisAdapter::Impl* adapter = nullptr;
     {
-        std::lock_guard<std::mutex> lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         for (NdisAdapter::Impl* a : G().adapters)
             if (&a->configContext == context) adapter = a;
     }
@@ -410,8 +410,7 @@ void NdisMEthIndicateReceive(NDIS_HANDLE MiniportAdapterHandle, NDIS_HANDLE Mini
 void NdisMEthIndicateReceiveComplete(NDIS_HANDLE MiniportAdapterHandle) {
     CheckNoLockHeld(MiniportAdapterHandle, "NdisMEthIndicateReceiveComplete");
     if (NdisAdapter::Impl* adapter = AdapterOf(MiniportAdapterHandle, "NdisMEthIndicateReceiveComplete")) {
-        std::lock_guard<std::mutex> lock(adapter->mutex);
-        adapter->receiveCompletes++;
+        adapter->receiveCompletes.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -446,19 +445,19 @@ void NdisWriteErrorLogEntry(NDIS_HANDLE NdisAdapterHandle, NDIS_ERROR_CODE Error
     va_start(args, NumberOfErrorValues);
     for (ULONG i = 0; i < NumberOfErrorValues; i++) entry.values.push_back(va_arg(args, ULONG));
     va_end(args);
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::lock_guard<std::shared_mutex> lock(G().mutex);
     G().errorLog.push_back(std::move(entry));
 }
 
 namespace kplat {
 
 std::vector<ErrorLogEntry> ErrorLog() {
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::lock_guard<std::shared_mutex> lock(G().mutex);
     return G().errorLog;
 }
 
 void ClearErrorLog() {
-    std::lock_guard<std::mutex> lock(G().mutex);
+    std::lock_guard<std::shared_mutex> lock(G().mutex);
     G().errorLog.clear();
 }
 

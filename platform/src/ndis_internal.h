@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <shared_mutex>
 #include <unordered_set>
 #include <vector>
 
@@ -128,9 +129,12 @@ struct NdisAdapter::Impl {
     std::map<NDIS_STATUS, uint64_t> completedWith;
     std::shared_ptr<const SendCallback> onSendComplete;
 
+    // Read and written with std::atomic_load/atomic_store, not under the
+    // mutex: the receive path of a busy adapter takes no lock of the stack's
+    // unless it records frames (no callback).
     std::shared_ptr<const ReceiveCallback> onReceive;
     std::vector<ReceivedFrame> frames;
-    uint64_t receiveIndications = 0, receiveCompletes = 0;
+    std::atomic<uint64_t> receiveIndications{0}, receiveCompletes{0};  // relaxed: counters
     std::shared_ptr<const StatusCallback> onStatus;
     std::vector<NDIS_STATUS> statuses;
     uint64_t statusCompletes = 0;
@@ -205,7 +209,9 @@ constexpr uint64_t kSendDeadline = 30000 * kUnitsPerMs;
 constexpr uint64_t kSetDeadline = 12000 * kUnitsPerMs;
 
 struct Globals {
-    std::mutex mutex;
+    // Guards the members below. Shared for the handle checks that every
+    // indication and completion makes (AdapterOf), exclusive for changes.
+    std::shared_mutex mutex;
     std::unordered_set<NdisDriver::Impl*> drivers;
     std::unordered_set<NdisAdapter::Impl*> adapters;
     std::vector<ErrorLogEntry> errorLog;

@@ -371,19 +371,16 @@ uint64_t NdisAdapter::PacketsCompletedWith(NDIS_STATUS status) const {
 // ---------------------------------------------------------------------------
 void NdisAdapter::Impl::IndicateReceive(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
                                         const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize) {
-    std::shared_ptr<const ReceiveCallback> callback;
-    {
+    receiveIndications.fetch_add(1, std::memory_order_relaxed);
+    std::shared_ptr<const ReceiveCallback> callback = std::atomic_load(&onReceive);
+    if (!callback) {
+        ReceivedFrame frame;
+        frame.header.assign(header, header + headerSize);
+        frame.lookahead.assign(lookahead, lookahead + lookaheadSize);
+        frame.packetSize = packetSize;
         Lock lock(mutex);
-        receiveIndications++;
-        callback = onReceive;
-        if (!callback) {
-            ReceivedFrame frame;
-            frame.header.assign(header, header + headerSize);
-            frame.lookahead.assign(lookahead, lookahead + lookaheadSize);
-            frame.packetSize = packetSize;
-            frames.push_back(std::move(frame));
-            return;
-        }
+        frames.push_back(std::move(frame));
+        return;
     }
     Indication outer = tIndication;
     tIndication = Indication{this, receiveContext};
@@ -395,7 +392,8 @@ void NdisAdapter::OnReceive(std::function<void(NDIS_HANDLE receiveContext, const
                                                const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize)>
                                 callback) {
     Lock lock(mImpl->mutex);
-    mImpl->onReceive = callback ? std::make_shared<const ReceiveCallback>(std::move(callback)) : nullptr;
+    std::atomic_store(&mImpl->onReceive,
+                      callback ? std::make_shared<const ReceiveCallback>(std::move(callback)) : nullptr);
 }
 
 // Only inside the indication of that receive context, on its thread.
@@ -415,8 +413,8 @@ std::vector<ReceivedFrame> NdisAdapter::TakeReceivedFrames() {
     return out;
 }
 
-uint64_t NdisAdapter::ReceiveIndications() const { Lock l(mImpl->mutex); return mImpl->receiveIndications; }
-uint64_t NdisAdapter::ReceiveCompletes() const { Lock l(mImpl->mutex); return mImpl->receiveCompletes; }
+uint64_t NdisAdapter::ReceiveIndications() const { return mImpl->receiveIndications.load(std::memory_order_relaxed); }
+uint64_t NdisAdapter::ReceiveCompletes() const { return mImpl->receiveCompletes.load(std::memory_order_relaxed); }
 
 void NdisAdapter::Impl::IndicateStatus(NDIS_STATUS status) {
     std::shared_ptr<const StatusCallback> callback;

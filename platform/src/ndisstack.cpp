@@ -35,7 +35,7 @@ NdisDriver::NdisDriver(DriverEntryRoutine entry, const std::string& serviceName)
     mImpl->driverObject = CreateDriverObject(name.c_str());
     mImpl->loaded = true;
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().drivers.insert(mImpl);
     }
     mImpl->entryStatus = entry(mImpl->driverObject, &mImpl->registryPathString);
@@ -51,7 +51,7 @@ NdisDriver::NdisDriver(DriverEntryRoutine entry, const std::string& serviceName)
 NdisDriver::~NdisDriver() {
     if (mImpl->loaded) Unload();
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().drivers.erase(mImpl);
     }
     delete mImpl;
@@ -69,7 +69,7 @@ void NdisDriver::Unload() {
     if (!mImpl->loaded) return;
     std::vector<NDIS_HANDLE> live;
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         for (NdisAdapter::Impl* adapter : G().adapters) {
             Lock adapterLock(adapter->mutex);
             if (adapter->driver == mImpl && adapter->initialized) live.push_back(adapter->Handle());
@@ -100,7 +100,7 @@ NdisAdapter::NdisAdapter(NdisDriver& driver, UsbBus& bus, const AdapterOptions& 
     KeInitializeEvent(&a.callsDone, NotificationEvent, TRUE);
     KeInitializeEvent(&a.setDone, NotificationEvent, TRUE);
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         unsigned ordinal = G().nextOrdinal++;
         a.parametersKey = options.parametersKey.empty() ? AdapterKeyPath(ordinal) : options.parametersKey;
     }
@@ -120,7 +120,7 @@ NdisAdapter::NdisAdapter(NdisDriver& driver, UsbBus& bus, const AdapterOptions& 
     a.next = IoAttachDeviceToDeviceStack(a.fdo, bus.Pdo());
     a.fdo->Flags &= ~DO_DEVICE_INITIALIZING;
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().adapters.insert(mImpl);
     }
     NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
@@ -146,7 +146,7 @@ NdisAdapter::~NdisAdapter() {
     KeCancelTimer(&a.verifierTimer);
     KeFlushQueuedDpcs();
     {
-        Lock lock(G().mutex);
+        std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().adapters.erase(mImpl);
     }
     if (a.fdo != nullptr) {
