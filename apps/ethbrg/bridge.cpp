@@ -91,6 +91,43 @@ private:
     TapPort& mPort;
 };
 
+// A real device's receive path that stopped: 2 s or more after the adapter
+// came up, NTBs have come in but not one frame has reached the stack. The
+// usual cause is a datagram the device sent while the adapter was still
+// initializing: the adapter holds it, and takes nothing after it, until the
+// device's next connect notification. Said once per adapter.
+class StallWatch {
+public:
+    explicit StallWatch(Host& host)
+        : mHost(&host), mStart(std::chrono::steady_clock::now()) {}
+    void Check()
+    {
+        const auto now = std::chrono::steady_clock::now();
+        if (mDone || !mHost->HasAdapter() || now - mStart < std::chrono::seconds(2) ||
+            now - mLastLook < std::chrono::seconds(1))
+            return;
+        mLastLook = now;
+        if (mHost->QueryNumber(OID_GEN_RCV_OK).value_or(1) != 0) {
+            mDone = true;  // frames go up: nothing to watch any more
+            return;
+        }
+        // The device is opened anew for each adapter: its counts start with it.
+        const uint64_t in = mHost->Usb()->Stats().inTransfers;
+        if (in == 0) return;
+        mDone = true;
+        printf("warning: the device sent %llu bulk IN transfers but no frame reached the stack; a datagram it sent "
+               "while the adapter was initializing holds the receive path until the device's next connect "
+               "notification (keep the device quiet during bring-up: README, \"A real device\")\n",
+               (unsigned long long)in);
+        fflush(stdout);
+    }
+
+private:
+    Host* mHost;
+    std::chrono::steady_clock::time_point mStart, mLastLook;
+    bool mDone = false;
+};
+
 struct BridgeOptions {
     CommonOptions common;
     std::string tap;
@@ -214,12 +251,14 @@ int RunBridge(const BridgeOptions& o)
         sigaction(SIGINT, &sa, nullptr);
         sigaction(SIGTERM, &sa, nullptr);
         bool connected = host.MediaConnected();
+        StallWatch stall(host);
         while (!Ended(o.seconds, start)) {
             if (host.MediaConnected() != connected) {
                 connected = !connected;
                 printf("media %s\n", connected ? "connected" : "disconnected");
                 fflush(stdout);
             }
+            stall.Check();
             if (!host.DeviceGone()) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
                 continue;
@@ -244,6 +283,7 @@ int RunBridge(const BridgeOptions& o)
             if (!back) break;
             printf("device back: %s\n", host.Usb()->Description().c_str());
             fflush(stdout);
+            stall = StallWatch(host);
         }
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
