@@ -86,6 +86,20 @@ class TapSink : public ethsim::FrameSink {
 public:
     explicit TapSink(TapPort& port) : mPort(port) {}
     void OnFrame(const uint8_t* frame, size_t length) override { mPort.Write(frame, length); }
+    // The datagrams of one NTB go to the port together.
+    void OnFrames(const ethsim::FrameBatch& batch) override
+    {
+        const uint8_t* frames[64];
+        size_t lengths[64];
+        for (size_t at = 0; at < batch.Count();) {
+            size_t n = 0;
+            for (; n < 64 && at < batch.Count(); n++, at++) {
+                frames[n] = batch.Frame(at);
+                lengths[n] = batch.Length(at);
+            }
+            mPort.WriteMany(frames, lengths, n);
+        }
+    }
 
 private:
     TapPort& mPort;

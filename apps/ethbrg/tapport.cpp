@@ -2,6 +2,7 @@
 
 #include "host.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -185,36 +186,66 @@ void TapPort::Stop()
 
 bool TapPort::Write(const uint8_t* frame, size_t length)
 {
-    if (length > kBufferSize || mStopping.load(std::memory_order_relaxed)) {
-        mWritesDropped++;
-        return false;
+    return WriteMany(&frame, &length, 1) == 1;
+}
+
+// The lock is held to take buffers and to queue them, not for the copies:
+// the port's thread and the writers meet on it twice a batch.
+size_t TapPort::WriteMany(const uint8_t* const* frames, const size_t* lengths, size_t count)
+{
+    if (mStopping.load(std::memory_order_relaxed)) {
+        mWritesDropped += count;
+        return 0;
     }
-    Op* op;
-    bool wake;
-    {
-        std::lock_guard<std::mutex> lock(mWriteMutex);
-        if (mFreeWrites.empty()) {
-            mWritesDropped++;
-            return false;
+    Op* ops[kWriteBatch];
+    size_t written = 0;
+    while (count > 0) {
+        const size_t n = std::min(count, kWriteBatch);
+        size_t taken = 0;
+        {
+            std::lock_guard<std::mutex> lock(mWriteMutex);
+            while (taken < n && !mFreeWrites.empty()) {
+                ops[taken++] = mFreeWrites.back();
+                mFreeWrites.pop_back();
+            }
         }
-        op = mFreeWrites.back();
-        mFreeWrites.pop_back();
-        memcpy(op->buffer, frame, length);
-        op->length = (uint16_t)length;
-        wake = mQueuedWrites.empty();
-        mQueuedWrites.push_back(op);
+        size_t filled = 0;
+        for (size_t i = 0; i < n; i++) {
+            if (i >= taken || lengths[i] > kBufferSize) {
+                mWritesDropped++;
+                continue;
+            }
+            memcpy(ops[filled]->buffer, frames[i], lengths[i]);
+            ops[filled]->length = (uint16_t)lengths[i];
+            filled++;
+        }
+        bool wake;
+        {
+            std::lock_guard<std::mutex> lock(mWriteMutex);
+            for (size_t i = filled; i < taken; i++) mFreeWrites.push_back(ops[i]);  // too long: not used
+            wake = mQueuedWrites.empty() && filled != 0;
+            mQueuedWrites.insert(mQueuedWrites.end(), ops, ops + filled);
+        }
+        written += filled;
+        if (wake) WakeOrHold();
+        frames += n;
+        lengths += n;
+        count -= n;
     }
-    if (!wake) return true;
+    return written;
+}
+
+void TapPort::WakeOrHold()
+{
     if (tHeldCount >= 0) {
         for (int i = 0; i < tHeldCount; i++)
-            if (tHeld[i] == this) return true;
+            if (tHeld[i] == this) return;
         if (tHeldCount < kHeldPorts) {
             tHeld[tHeldCount++] = this;
-            return true;
+            return;
         }
     }
     Wake();
-    return true;
 }
 
 void TapPort::SubmitWrites()

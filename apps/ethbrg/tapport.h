@@ -54,6 +54,9 @@ public:
     // Queues one frame for the interface; false (counted as dropped) when
     // every write buffer is in use or the frame is too long. Any thread.
     bool Write(const uint8_t* frame, size_t length);
+    // Queues several frames at once; returns how many were queued (the
+    // others are counted as dropped). Any thread.
+    size_t WriteMany(const uint8_t* const* frames, const size_t* lengths, size_t count);
 
     // While one exists on a thread, the writes that thread makes wake the
     // ports' threads only when it ends (once per port), not per frame: for
@@ -78,6 +81,7 @@ private:
     static constexpr unsigned kReads = 64;       // reads kept posted
     static constexpr unsigned kWrites = 2048;    // write buffers
     static constexpr unsigned kRingEntries = 4096;
+    static constexpr size_t kWriteBatch = 64;    // frames WriteMany takes under one lock
 
     struct Op {
         enum Kind : uint8_t { Read, Write, Wake } kind;
@@ -87,6 +91,7 @@ private:
 
     void Run();
     void Wake();
+    void WakeOrHold();  // Wake, or later when the thread holds its wakes
     void PostRead(Op* op);
     void PostWake();
     void SubmitWrites();
