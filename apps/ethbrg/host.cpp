@@ -252,12 +252,14 @@ NDIS_STATUS Host::Plug()
     });
     // As NDIS does after initialization: the state the device reported
     // while MPInitialize still ran comes with no indication.
+    // An indication that comes meanwhile is newer and wins. The query is made
+    // outside the lock: no driver code runs under it.
     if (mAdapter->IsInitialized()) {
-        std::lock_guard<std::mutex> lock(mMediaMutex);
         ULONG state = 0, written = 0, needed = 0;
-        if (mMediaIndications == 0 &&
-            mAdapter->Query(OID_GEN_MEDIA_CONNECT_STATUS, &state, sizeof(state), &written, &needed) ==
-                NDIS_STATUS_SUCCESS) {
+        const bool known = mAdapter->Query(OID_GEN_MEDIA_CONNECT_STATUS, &state, sizeof(state), &written,
+                                           &needed) == NDIS_STATUS_SUCCESS;
+        std::lock_guard<std::mutex> lock(mMediaMutex);
+        if (known && mMediaIndications == 0) {
             mConnected.store(state == NdisMediaStateConnected);
             if (mOnMedia) mOnMedia(state == NdisMediaStateConnected);
         }
