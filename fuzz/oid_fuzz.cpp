@@ -21,8 +21,9 @@
 //     5 time   50 * a ms pass
 //     6 power  a power cycle: D3, 100 ms, D0, 100 ms
 //     7 reset  MPReset, as after a hang
-//   [oid]      one byte: below the table's size an index into kOids, else
-//              a u32 OID follows
+//   [oid]      one byte: below the table's size an index into the OIDs the
+//              adapter lists as supported (in its order), then kUnlisted;
+//              else a u32 OID follows
 //   [length]   one byte; 255: a u16 length follows
 // u16 and u32 values are little-endian; a value cut off by the input's end
 // reads as zeros. Between ops the stand-in runs until idle without moving
@@ -39,6 +40,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "testbed.h"
@@ -56,31 +58,20 @@ namespace {
 constexpr size_t kMaxInputSize = 4096;
 constexpr int kMaxOps = 64;
 
-// Every OID the handlers name, and some they do not.
-const NDIS_OID kOids[] = {
-    OID_GEN_SUPPORTED_LIST,        OID_GEN_HARDWARE_STATUS,        OID_GEN_MEDIA_SUPPORTED,
-    OID_GEN_MEDIA_IN_USE,          OID_GEN_MAXIMUM_LOOKAHEAD,      OID_GEN_MAXIMUM_FRAME_SIZE,
-    OID_GEN_LINK_SPEED,            OID_GEN_TRANSMIT_BUFFER_SPACE,  OID_GEN_RECEIVE_BUFFER_SPACE,
-    OID_GEN_TRANSMIT_BLOCK_SIZE,   OID_GEN_RECEIVE_BLOCK_SIZE,     OID_GEN_VENDOR_ID,
-    OID_GEN_VENDOR_DESCRIPTION,    OID_GEN_CURRENT_PACKET_FILTER,  OID_GEN_CURRENT_LOOKAHEAD,
-    OID_GEN_DRIVER_VERSION,        OID_GEN_MAXIMUM_TOTAL_SIZE,     OID_GEN_PROTOCOL_OPTIONS,
-    OID_GEN_MAC_OPTIONS,           OID_GEN_MEDIA_CONNECT_STATUS,   OID_GEN_MAXIMUM_SEND_PACKETS,
-    OID_GEN_VENDOR_DRIVER_VERSION, OID_GEN_VLAN_ID,                OID_GEN_XMIT_OK,
-    OID_GEN_RCV_OK,                OID_GEN_XMIT_ERROR,             OID_GEN_RCV_ERROR,
-    OID_GEN_RCV_NO_BUFFER,         OID_802_3_PERMANENT_ADDRESS,    OID_802_3_CURRENT_ADDRESS,
-    OID_802_3_MULTICAST_LIST,      OID_802_3_MAXIMUM_LIST_SIZE,    OID_802_3_MAC_OPTIONS,
-    OID_802_3_RCV_ERROR_ALIGNMENT, OID_802_3_XMIT_ONE_COLLISION,   OID_802_3_XMIT_MORE_COLLISIONS,
-    OID_PNP_CAPABILITIES,          OID_PNP_SET_POWER,              OID_PNP_QUERY_POWER,
-    OID_PNP_ENABLE_WAKE_UP,        OID_PNP_ADD_WAKE_UP_PATTERN,    OID_PNP_REMOVE_WAKE_UP_PATTERN,
-    OID_PNP_WAKE_UP_PATTERN_LIST,  OID_PNP_WAKE_UP_OK,             OID_PNP_WAKE_UP_ERROR,
-    0xFC010209,                    0xFC01020A,
+// OIDs the adapter does not list as supported, which an index names after
+// those it lists: the wake-up pattern OIDs and two codes nobody defines.
+const NDIS_OID kUnlisted[] = {
+    OID_PNP_ADD_WAKE_UP_PATTERN, OID_PNP_REMOVE_WAKE_UP_PATTERN, OID_PNP_WAKE_UP_PATTERN_LIST,
+    OID_PNP_WAKE_UP_OK,          OID_PNP_WAKE_UP_ERROR,          0xFC010209,
+    0xFC01020A,
 };
-constexpr size_t kOidCount = sizeof(kOids) / sizeof(kOids[0]);
 
 // The input, read front to back; past its end every byte is 0.
 class Reader {
 public:
     Reader(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
+    // The OIDs an [oid] byte indexes.
+    void SetOids(std::vector<NDIS_OID> oids) { mOids = std::move(oids); }
     bool More() const { return mAt < mSize; }
     uint8_t U8() { return mAt < mSize ? mData[mAt++] : 0; }
     uint32_t U16()
@@ -96,7 +87,7 @@ public:
     NDIS_OID Oid()
     {
         uint8_t b = U8();
-        return b < kOidCount ? kOids[b] : U32();
+        return b < mOids.size() ? mOids[b] : U32();
     }
     ULONG Length()
     {
@@ -108,7 +99,19 @@ private:
     const uint8_t* mData;
     size_t mSize;
     size_t mAt = 0;
+    std::vector<NDIS_OID> mOids;
 };
+
+// The adapter's supported list, in its order, then kUnlisted.
+std::vector<NDIS_OID> OidTable(kplat::NdisAdapter& a)
+{
+    NDIS_OID listed[128];
+    ULONG written = 0, needed = 0;
+    CHECK(a.Query(OID_GEN_SUPPORTED_LIST, listed, sizeof(listed), &written, &needed) == NDIS_STATUS_SUCCESS);
+    std::vector<NDIS_OID> table(listed, listed + written / sizeof(NDIS_OID));
+    table.insert(table.end(), std::begin(kUnlisted), std::end(kUnlisted));
+    return table;
+}
 
 size_t FrameSize(uint8_t size) { return size * 6u < 14 ? 14 : size * 6u; }
 
@@ -173,6 +176,7 @@ void Run(const uint8_t* data, size_t size)
     testbed::Bed bed(traits);
     CHECK(bed.Adapter().InitializeStatus() == NDIS_STATUS_SUCCESS);
     kplat::NdisAdapter& a = bed.Adapter();
+    in.SetOids(OidTable(a));
 
     for (int op = 0; op < kMaxOps && in.More(); op++) {
         const uint8_t b = in.U8();

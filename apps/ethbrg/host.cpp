@@ -230,7 +230,7 @@ NDIS_STATUS Host::Plug()
     options.parametersKey = kplat::AdapterKeyPath(0);
     {
         std::lock_guard<std::mutex> lock(mMediaMutex);
-        mMediaIndications = 0;
+        mMediaIndicated = false;
     }
     mAdapter.reset(new kplat::NdisAdapter(*mDriver, *mBus, options));
     mAdapter->OnStatus([this](NDIS_STATUS status) {
@@ -259,7 +259,7 @@ NDIS_STATUS Host::Plug()
         const bool known = mAdapter->Query(OID_GEN_MEDIA_CONNECT_STATUS, &state, sizeof(state), &written,
                                            &needed) == NDIS_STATUS_SUCCESS;
         std::lock_guard<std::mutex> lock(mMediaMutex);
-        if (known && mMediaIndications == 0) {
+        if (known && !mMediaIndicated) {
             mConnected.store(state == NdisMediaStateConnected);
             if (mOnMedia) mOnMedia(state == NdisMediaStateConnected);
         }
@@ -298,7 +298,7 @@ void Host::Shutdown()
 void Host::SetMedia(bool connected)
 {
     std::lock_guard<std::mutex> lock(mMediaMutex);
-    mMediaIndications++;
+    mMediaIndicated = true;
     mConnected.store(connected);
     if (mOnMedia) mOnMedia(connected);
 }

@@ -148,9 +148,9 @@ private:
     std::function<void(const uint8_t*, size_t)> mOnFrame;
     void SetMedia(bool connected);
     // Orders the media state taken after initialization with the status
-    // indications; guards mMediaIndications and the calls of mOnMedia.
+    // indications; guards mMediaIndicated and the calls of mOnMedia.
     std::mutex mMediaMutex;
-    uint64_t mMediaIndications = 0;  // since the adapter was created
+    bool mMediaIndicated = false;  // a media indication came since the adapter was created
     std::function<void(bool)> mOnMedia;
     std::atomic<bool> mConnected{false};
     std::atomic<uint64_t> mTruncated{0};

@@ -184,13 +184,34 @@ void TapPort::Stop()
     mQueuedWrites.clear();
 }
 
+// One frame: one turn of the lock, the copy made under it (it is short).
 bool TapPort::Write(const uint8_t* frame, size_t length)
 {
-    return WriteMany(&frame, &length, 1) == 1;
+    if (length > kBufferSize || mStopping.load(std::memory_order_relaxed)) {
+        mWritesDropped++;
+        return false;
+    }
+    bool wake;
+    {
+        std::lock_guard<std::mutex> lock(mWriteMutex);
+        if (mFreeWrites.empty()) {
+            mWritesDropped++;
+            return false;
+        }
+        Op* op = mFreeWrites.back();
+        mFreeWrites.pop_back();
+        memcpy(op->buffer, frame, length);
+        op->length = (uint16_t)length;
+        wake = mQueuedWrites.empty();
+        mQueuedWrites.push_back(op);
+    }
+    if (wake) WakeOrHold();
+    return true;
 }
 
-// The lock is held to take buffers and to queue them, not for the copies:
-// the port's thread and the writers meet on it twice a batch.
+// Several frames: the lock is held to take buffers and to queue them, not
+// for the copies, so the port's thread and the writers meet on it twice a
+// batch.
 size_t TapPort::WriteMany(const uint8_t* const* frames, const size_t* lengths, size_t count)
 {
     if (mStopping.load(std::memory_order_relaxed)) {

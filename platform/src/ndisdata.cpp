@@ -391,7 +391,6 @@ void NdisAdapter::Impl::IndicateReceive(NDIS_HANDLE receiveContext, const uint8_
 void NdisAdapter::OnReceive(std::function<void(NDIS_HANDLE receiveContext, const uint8_t* header, UINT headerSize,
                                                const uint8_t* lookahead, UINT lookaheadSize, UINT packetSize)>
                                 callback) {
-    Lock lock(mImpl->mutex);
     std::atomic_store(&mImpl->onReceive,
                       callback ? std::make_shared<const ReceiveCallback>(std::move(callback)) : nullptr);
 }

@@ -45,15 +45,20 @@ void NcmDevice::QueueNotificationLocked(Outbox& out, Bytes bytes)
     }
 }
 
-// The connection state, preceded (or followed, by
-// the profile) by the bit rates when connected. CDC 1.2 ConnectionSpeedChange
-// data: DLBitRate at offset 8, ULBitRate at offset 12.
-void NcmDevice::QueueLinkStateLocked(Outbox& out, bool includeSpeed)
+// CDC 1.2 ConnectionSpeedChange: DLBitRate at offset 8, ULBitRate at 12.
+Bytes NcmDevice::SpeedNotification(uint32_t downlinkBitRate, uint32_t uplinkBitRate) const
 {
     Bytes rates;
-    Append32(rates, mDownlink);
-    Append32(rates, mUplink);
-    const Bytes speed = MakeNotification(cdc::kNotifyConnectionSpeedChange, 0, rates);
+    Append32(rates, downlinkBitRate);
+    Append32(rates, uplinkBitRate);
+    return MakeNotification(cdc::kNotifyConnectionSpeedChange, 0, rates);
+}
+
+// The connection state, preceded (or followed, by the profile) by the bit
+// rates when connected.
+void NcmDevice::QueueLinkStateLocked(Outbox& out, bool includeSpeed)
+{
+    const Bytes speed = SpeedNotification(mDownlink, mUplink);
     const Bytes connection = MakeNotification(cdc::kNotifyNetworkConnection, mLinkUp ? 1 : 0, Bytes());
     if (mLinkUp && includeSpeed && mProfile.speedBeforeConnection) {
         QueueNotificationLocked(out, speed);
@@ -96,10 +101,7 @@ void NcmDevice::SetLinkSpeed(uint32_t downlinkBitRate, uint32_t uplinkBitRate)
         mDownlink = downlinkBitRate;
         mUplink = uplinkBitRate;
         if (mConfiguration != 0 && mDataAlternate == 1 && mLinkUp) {
-            Bytes rates;
-            Append32(rates, mDownlink);
-            Append32(rates, mUplink);
-            QueueNotificationLocked(out, MakeNotification(cdc::kNotifyConnectionSpeedChange, 0, rates));
+            QueueNotificationLocked(out, SpeedNotification(mDownlink, mUplink));
         }
     }
     Flush(out);
@@ -124,10 +126,7 @@ void NcmDevice::NotifySpeedChange(uint32_t downlinkBitRate, uint32_t uplinkBitRa
         std::lock_guard<std::mutex> lock(mMutex);
         out.port = mPort;
         out.request = mServiceRequest;
-        Bytes rates;
-        Append32(rates, downlinkBitRate);
-        Append32(rates, uplinkBitRate);
-        QueueNotificationLocked(out, MakeNotification(cdc::kNotifyConnectionSpeedChange, 0, rates));
+        QueueNotificationLocked(out, SpeedNotification(downlinkBitRate, uplinkBitRate));
     }
     Flush(out);
 }

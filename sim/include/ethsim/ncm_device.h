@@ -242,6 +242,7 @@ private:
     void QueueNotificationLocked(Outbox& out, Bytes bytes);
     void QueueLinkStateLocked(Outbox& out, bool includeSpeed);
     Bytes MakeNotification(uint8_t code, uint16_t value, const Bytes& data) const;
+    Bytes SpeedNotification(uint32_t downlinkBitRate, uint32_t uplinkBitRate) const;
     Endpoint Classify(uint8_t endpointAddress) const;
     bool EndpointExistsLocked(Endpoint e) const;
     bool* HaltFlagLocked(Endpoint e);
