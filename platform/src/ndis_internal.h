@@ -97,7 +97,7 @@ struct NdisAdapter::Impl {
     KTIMER hangTimer, verifierTimer;
     KDPC hangDpc, verifierDpc;
     KEVENT resetDone;  // signalled while no reset is pending
-    KEVENT callsDone;  // signalled while callsInFlight is 0
+    KEVENT callsDone;  // cleared by a halt that finds calls in flight, signalled when the last returns
     KEVENT setDone;    // signalled while no set is pending
 
     mutable kplat_internal::SpinningMutex mutex;  // guards everything below
@@ -150,6 +150,10 @@ struct NdisAdapter::Impl {
     bool resetPending = false;
     NDIS_STATUS lastResetStatus = NDIS_STATUS_SUCCESS;
 
+    // The verifier timer stays armed when the last packet is completed: it
+    // is set again only for an earlier deadline, so a busy adapter sets it
+    // once per deadline period instead of once per send; when it fires with
+    // nothing overdue it re-arms for the earliest deadline left, if any.
     bool verifierArmed = false;
     uint64_t verifierAt = 0;
 
@@ -190,9 +194,9 @@ struct NdisAdapter::Impl {
     void ArmVerifierLocked(uint64_t deadline);
     // Releases every packet and open configuration (destruction).
     void ReleaseHostMemory();
-    // A packet of one mapped buffer with a copy of data, from the pool
-    // (mutex held; length <= kPooledBytes).
-    HostPacket* TakePooledLocked(const uint8_t* data, size_t length);
+    // A pooled packet of one kPooledBytes block, out of the pool or new
+    // (mutex held); ndis::FillPooled makes it a packet of a frame.
+    HostPacket* TakePooledLocked();
     // The packet is no longer allocated (mutex held): a pooled one is out of
     // use but not yet reusable, any other is forgotten.
     void RetireLocked(HostPacket* host);
@@ -244,6 +248,10 @@ private:
 static_assert(offsetof(HostPacket, packet) == 0, "a packet pointer is its host packet's");
 inline HostPacket* HostOf(PNDIS_PACKET packet) { return reinterpret_cast<HostPacket*>(packet); }
 void FreeHostPacket(HostPacket* host);
+// Makes a packet of TakePooledLocked the packet of one mapped buffer with a
+// copy of data (no lock needed: nobody else has the packet yet;
+// length <= kPooledBytes).
+void FillPooled(HostPacket* host, const uint8_t* data, size_t length);
 
 // Reports a verifier check failure (kNdisVerifier, p1 = the adapter handle).
 void VerifierFailed(NDIS_HANDLE adapter, ULONG_PTR p2, ULONG_PTR p3, const char* format, ...)

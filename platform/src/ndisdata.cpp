@@ -80,7 +80,7 @@ void ndis::FreeHostPacket(HostPacket* host) {
     delete host;
 }
 
-HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t length) {
+HostPacket* NdisAdapter::Impl::TakePooledLocked() {
     HostPacket* host;
     if (!pool.empty()) {
         host = pool.back();
@@ -88,8 +88,6 @@ HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t leng
         host->inPool = false;
         host->completed = false;
         host->freeOnCompletion = false;
-        memset(&host->packet, 0, sizeof(host->packet));
-        memset(host->protocolReservedRoom, 0, sizeof(host->protocolReservedRoom));
     } else {
         host = new HostPacket();
         host->pooled = true;
@@ -98,6 +96,12 @@ HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t leng
         host->mdls.push_back((PMDL)::operator new(MdlSize(bytes, kPooledBytes)));
         packets.insert(host);
     }
+    return host;
+}
+
+void ndis::FillPooled(HostPacket* host, const uint8_t* data, size_t length) {
+    memset(&host->packet, 0, sizeof(host->packet));
+    memset(host->protocolReservedRoom, 0, sizeof(host->protocolReservedRoom));
     uint8_t* bytes = host->data.front();
     UNPOISON(bytes, length != 0 ? length : 1);
     if (length != 0) memcpy(bytes, data, length);
@@ -108,7 +112,6 @@ HostPacket* NdisAdapter::Impl::TakePooledLocked(const uint8_t* data, size_t leng
     p.TotalLength = (UINT)length;
     p.Count = p.PhysicalCount = 1;
     p.ValidCounts = TRUE;
-    return host;
 }
 
 void NdisAdapter::Impl::RetireLocked(HostPacket* host) {
@@ -132,8 +135,13 @@ HostPacket* NdisAdapter::Impl::RecycleLocked(HostPacket* host) {
 // ---------------------------------------------------------------------------
 PNDIS_PACKET NdisAdapter::AllocatePacket(const uint8_t* data, size_t length, const PacketLayout& layout) {
     if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
-        Lock lock(mImpl->mutex);
-        return &mImpl->TakePooledLocked(data, length)->packet;
+        HostPacket* host;
+        {
+            Lock lock(mImpl->mutex);
+            host = mImpl->TakePooledLocked();
+        }
+        FillPooled(host, data, length);
+        return &host->packet;
     }
     auto* host = new HostPacket();
     std::vector<size_t> lengths;
@@ -257,18 +265,24 @@ void NdisAdapter::Impl::Deliver(PNDIS_PACKET* list, UINT count, const Acceptance
     LeaveCall();
 }
 
-// A pooled packet is taken and accepted under one lock.
+// A pooled packet is taken under the lock, filled outside it (the copy of
+// the frame is the longest part of a send, and the completions of other
+// threads wait for this lock), and accepted under the lock again.
 void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {
     Impl& a = *mImpl;
     if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
-        const uint64_t now = Now();
-        Impl::Acceptance acceptance;
-        PNDIS_PACKET packet;
+        HostPacket* host;
         {
             Lock lock(a.mutex);
-            HostPacket* host = a.TakePooledLocked(frame, length);
-            host->freeOnCompletion = true;
-            packet = &host->packet;
+            host = a.TakePooledLocked();
+        }
+        FillPooled(host, frame, length);
+        host->freeOnCompletion = true;
+        PNDIS_PACKET packet = &host->packet;
+        const uint64_t now = Now();
+        Impl::Acceptance acceptance;
+        {
+            Lock lock(a.mutex);
             a.AcceptLocked(&packet, 1, now, &acceptance);
         }
         a.Deliver(&packet, 1, acceptance);
@@ -319,10 +333,6 @@ void NdisAdapter::Impl::SendComplete(PNDIS_PACKET packet, NDIS_STATUS status) {
             completed++;
             completedWith[status]++;
             if (host != nullptr) host->completed = true;
-            if (owned.empty() && !setPending && verifierArmed) {
-                KeCancelTimer(&verifierTimer);
-                verifierArmed = false;
-            }
             // The stack's side (as Finish).
             callback = onSendComplete;
             free = host != nullptr && host->freeOnCompletion;

@@ -178,6 +178,7 @@ void NdisAdapter::Halt() {
         a.initialized = false;
         context = a.context;
         KeCancelTimer(&a.hangTimer);
+        if (a.callsInFlight != 0) KeClearEvent(&a.callsDone);
     }
     KeFlushQueuedDpcs();
     KeWaitForSingleObject(&a.callsDone, Executive, KernelMode, FALSE, nullptr);
@@ -271,13 +272,14 @@ NDIS_STATUS NdisAdapter::Query(NDIS_OID oid, PVOID buffer, ULONG length, PULONG 
     return status;
 }
 
-void NdisAdapter::Impl::EnterCallLocked() {
-    if (callsInFlight++ == 0) KeClearEvent(&callsDone);
-}
+// Calls begin only while initialized; the event is touched only once a
+// halt has cleared `initialized`, so a busy adapter does not take the
+// scheduler's lock twice per send.
+void NdisAdapter::Impl::EnterCallLocked() { callsInFlight++; }
 
 void NdisAdapter::Impl::LeaveCall() {
     Lock lock(mutex);
-    if (--callsInFlight == 0) KeSetEvent(&callsDone, IO_NO_INCREMENT, FALSE);
+    if (--callsInFlight == 0 && !initialized) KeSetEvent(&callsDone, IO_NO_INCREMENT, FALSE);
 }
 
 NDIS_STATUS NdisAdapter::Set(NDIS_OID oid, PVOID buffer, ULONG length, PULONG bytesRead, PULONG bytesNeeded) {

@@ -10,7 +10,9 @@
 // does the work: it is entered by the bus's DPC, by its timers' DPCs, or by
 // the submitting thread when inline completion is on; only one thread runs
 // it at a time (mRunning), and it is the only code that calls the device
-// (besides Attached, which Attach calls). Control transfers, pipe operations
+// (besides Attached, which Attach calls); with inline completion, threads
+// that feed different pipes may step them at the same time (RunPipe in
+// usbbus_engine.cpp). Control transfers, pipe operations
 // and selections are in usbbus_control.cpp, the capture records in
 // usbbus_capture.cpp. Nothing holds mLock while calling the device or
 // completing an IRP.
@@ -58,7 +60,7 @@ NTSTATUS usbbus::IrpStatusFor(USBD_STATUS st) {
     }
 }
 
-UsbBus::Impl::Impl() : mBounce(kMaxPacket) {
+UsbBus::Impl::Impl() {
     mBusNumber = ++gBusCount;
     mDriver = CreateDriverObject(u"\\Driver\\usbbus");
     for (int i = 0; i <= IRP_MJ_MAXIMUM_FUNCTION; i++) mDriver->MajorFunction[i] = Dispatch;
@@ -195,6 +197,13 @@ NTSTATUS UsbBus::Impl::Submit(PIRP irp, PURB urb) {
         FinishNow(lk, t);
         return STATUS_PENDING;
     }
+    if (t->kind == Kind::Bulk && mInline.load(std::memory_order_relaxed)) {
+        Pipe* p = t->pipe;
+        if (!WakePipeLocked(p)) return STATUS_PENDING;  // the thread stepping the pipe takes it
+        lk.unlock();
+        KickPipe(p);
+        return STATUS_PENDING;
+    }
     if (!WakeRunnerLocked()) return STATUS_PENDING;  // the loop is running and takes it
     lk.unlock();
     Kick();
@@ -279,9 +288,10 @@ bool UsbBus::Impl::Settle(Transfer* t, USBD_STATUS st) {
     return true;
 }
 
-void UsbBus::Impl::CompleteLocked(Transfer* t, USBD_STATUS st) {
+// Into `done` (a pipe step's own list) or the loop's list.
+void UsbBus::Impl::CompleteLocked(Transfer* t, USBD_STATUS st, TransferList* done) {
     if (t->finished) return;
-    if (Settle(t, st)) mDone.PushBack(t);
+    if (Settle(t, st)) (done ? done : &mDone)->PushBack(t);
 }
 
 void UsbBus::Impl::FlushDone(Lock& lk) {
@@ -293,6 +303,14 @@ void UsbBus::Impl::FlushDone(Lock& lk) {
         lk.lock();
         while (Transfer* t = done.PopFront()) FreeTransfer(t);
     }
+}
+
+void UsbBus::Impl::FlushList(Lock& lk, TransferList& done) {
+    if (done.Empty()) return;
+    lk.unlock();
+    for (Transfer* t = done.Front(); t; t = TransferList::Next(t)) Finish(t);
+    lk.lock();
+    while (Transfer* t = done.PopFront()) FreeTransfer(t);
 }
 
 // Completes one settled transfer from the calling thread (a refusal, a
@@ -372,7 +390,7 @@ void UsbBus::Unplug() {
         mImpl->mDisconnectPending = true;
         // Called from inside the bus (a completion routine): the run loop
         // picks it up when the call returns.
-        if (mImpl->mRunning && mImpl->mRunner == std::this_thread::get_id()) return;
+        if (mImpl->InsideRun()) return;
     }
     if (KeGetCurrentIrql() == PASSIVE_LEVEL) {
         mImpl->RunAtDispatch();

@@ -256,6 +256,8 @@ void UsbBus::Impl::ApplySelection(Transfer* t) {
             p->maxPacket = e.maxPacket;
             p->interval = e.interval;
             p->interfaceNumber = plan.number;
+            p->bus = this;
+            if (p->IsIn()) p->bounce.resize(kMaxPacket);
             pipes[i].MaximumPacketSize = e.maxPacket;
             pipes[i].EndpointAddress = e.address;
             pipes[i].Interval = e.interval;

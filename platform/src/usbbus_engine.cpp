@@ -1,15 +1,17 @@
 // The run loop of the stand-in's USB bus and its bulk and interrupt engine.
-// The loop is the only code that calls the device: each round it handles a
-// removal, gives back the transfers of a slow abort that fell due, tells the
-// device of aborts, runs the pipe operations and the default pipe
-// (usbbus_control.cpp), and then gives every open pipe one turn, in which
+// The loop (and, with inline completion, RunPipe) is the only code that calls
+// the device: each round it handles a removal, gives back the transfers of a
+// slow abort that fell due, tells the device of aborts, runs the pipe
+// operations and the default pipe (usbbus_control.cpp), and then gives every open pipe one turn, in which
 // the head transfer of the pipe moves one run of packets: as many as the
 // device takes in one UsbDevice::OutPackets / InPackets call (one packet for
 // a device that answers packet by packet) and the link rate lets start.
 // The device's handshake decides what follows: Ack moves on, Nak parks the
 // pipe until EndpointReady, Stall halts it. Completed transfers are handed
-// to FlushDone at the end of each round. Also here: the default run of a
-// device, which is one packet.
+// to FlushDone at the end of each round. With inline completion a thread
+// that feeds a pipe steps that pipe itself (RunPipe), and other threads may
+// step other pipes meanwhile; see the run loop's members in usbbus_impl.h.
+// Also here: the default run of a device, which is one packet.
 #include <algorithm>
 #include <cstring>
 
@@ -49,13 +51,22 @@ void UsbDevice::InPackets(uint8_t ep, uint8_t* buffer, uint32_t length, uint32_t
 // ---------------------------------------------------------------------------
 void UsbBus::Impl::EndpointReady(uint8_t endpointAddress) {
     bool wake;
+    Pipe* lane = nullptr;
     {
         std::lock_guard<std::mutex> lock(mLock);
         mReadySeq[endpointAddress]++;
-        if (Pipe* p = OpenPipeByAddress(endpointAddress)) p->nakWait = false;
-        wake = WakeRunnerLocked();
+        Pipe* p = OpenPipeByAddress(endpointAddress);
+        if (p) p->nakWait = false;
+        if (p && mInline.load(std::memory_order_relaxed)) {
+            wake = WakePipeLocked(p);
+            lane = p;
+        } else {
+            wake = WakeRunnerLocked();
+        }
     }
-    if (wake) Kick();
+    if (!wake) return;
+    if (lane) KickPipe(lane);
+    else Kick();
 }
 
 void UsbBus::Impl::Disconnect() {
@@ -123,25 +134,156 @@ void UsbBus::Impl::RunAtDispatch() {
     if (raise) KeLowerIrql(old);
 }
 
+namespace {
+// The buses whose loop or pipes the calling thread runs (innermost last).
+thread_local const UsbBus::Impl* tInsideBus = nullptr;
+
+class InsideBus {
+public:
+    explicit InsideBus(const UsbBus::Impl* bus) : mOuter(tInsideBus) { tInsideBus = bus; }
+    ~InsideBus() { tInsideBus = mOuter; }
+    InsideBus(const InsideBus&) = delete;
+    InsideBus& operator=(const InsideBus&) = delete;
+
+private:
+    const UsbBus::Impl* mOuter;
+};
+}  // namespace
+
+// True on a thread that is running this bus's loop or one of its pipes, as
+// a completion routine called by the bus is.
+bool UsbBus::Impl::InsideRun() const { return tInsideBus == this; }
+
 void UsbBus::Impl::Run() {
     Lock lk(mLock);
     if (mRunning) {
         mRunAgain = true;
         return;
     }
-    mRunning = true;
-    mRunner = std::this_thread::get_id();
-    for (;;) {
-        mRunAgain = false;
-        bool progress = Step(lk);
-        FlushDone(lk);
-        if (!progress && !mRunAgain) break;
-    }
-    mRunning = false;
-    mRunner = std::thread::id();
+    InsideBus inside(this);
+    RunLocked(lk);
 }
 
-bool UsbBus::Impl::Step(Lock& lk) {
+// One round: the bus section, when no pipe is being stepped, then one step
+// of every open pipe that no other thread is stepping; again while anything
+// moved or someone asked. Without inline completion this thread is the only
+// one that steps pipes, and the round completes what it finished at its
+// end; with it, each pipe step completes its own transfers before the pipe
+// is let go, so that a pipe's transfers complete in order whichever thread
+// steps it next.
+void UsbBus::Impl::RunLocked(Lock& lk) {
+    mRunning = true;
+    const bool lanes = mInline.load(std::memory_order_relaxed);
+    for (;;) {
+        mRunAgain = false;
+        bool progress = false;
+        if (mStepping == 0) {
+            mBusDeferred = false;
+            mBusSection = true;
+            progress = BusStep(lk);
+            if (lanes) FlushDone(lk);
+            mBusSection = false;
+        } else {
+            mBusDeferred = true;
+        }
+        // Only the bus section opens or closes pipes, and not while a pipe
+        // is being stepped; the list is read again after every step.
+        for (size_t i = 0; mDevice && i < mOpenList.size(); i++) {
+            if (mDisconnectPending) {
+                progress = true;
+                break;
+            }
+            Pipe* p = mOpenList[i];
+            if (p->stepping || p->queue.Empty()) continue;
+            TransferList done;
+            if (StepPipe(lk, p, false, lanes ? &done : &mDone)) progress = true;
+        }
+        FlushDone(lk);
+        if (!progress && !mRunAgain && !(mBusDeferred && mStepping == 0)) break;
+    }
+    mRunning = false;
+}
+
+// Steps pipe p on this thread, once or until it makes no progress (or the
+// bus section waits), with its completions in `done`; completes what is in
+// a list of its own before it lets the pipe go. mLock held, p not stepped
+// by another thread.
+bool UsbBus::Impl::StepPipe(Lock& lk, Pipe* p, bool untilIdle, TransferList* done) {
+    p->stepping = true;
+    mStepping++;
+    bool any = false;
+    for (;;) {
+        p->again = false;
+        bool progress = mDevice && p->open && !mDisconnectPending && PipeStep(lk, p, done);
+        any = any || progress;
+        if (done != &mDone) FlushList(lk, *done);
+        if (!untilIdle || mBusDeferred || (!progress && !p->again)) break;
+    }
+    p->stepping = false;
+    mStepping--;
+    if (p->again && mRunning) mRunAgain = true;
+    return any;
+}
+
+// Inline completion: work came for pipe p. False when the thread stepping
+// it takes it; true when the caller runs the pipe (KickPipe).
+bool UsbBus::Impl::WakePipeLocked(Pipe* p) {
+    if (!p->stepping) return true;
+    p->again = true;
+    return false;
+}
+
+// Runs pipe p on the calling thread: now below DISPATCH_LEVEL, else as soon
+// as its IRQL drops (a stand-in thread queues the bus's DPC instead).
+void UsbBus::Impl::KickPipe(Pipe* p) {
+    if (kplat_internal::CurrentIrql() < DISPATCH_LEVEL) {
+        RunPipeAtDispatch(p);
+    } else if (!kplat_internal::DeferUntilIrqlDrops(RunPipeDeferred, p)) {
+        KeInsertQueueDpc(&mDpc, NULL, NULL);
+    }
+}
+
+void UsbBus::Impl::RunPipeDeferred(void* context) {
+    auto* p = static_cast<Pipe*>(context);
+    p->bus->RunPipeAtDispatch(p);
+}
+
+void UsbBus::Impl::RunPipeAtDispatch(Pipe* p) {
+    KIRQL old = KeGetCurrentIrql();
+    bool raise = old < DISPATCH_LEVEL;
+    if (raise) KeRaiseIrql(DISPATCH_LEVEL, &old);
+    RunPipe(p);
+    if (raise) KeLowerIrql(old);
+}
+
+// Steps pipe p until it makes no progress. When another thread steps it,
+// that thread goes round again instead; while the bus section runs or
+// waits, the loop that runs it steps the pipe afterwards. The last pipe
+// step to end while the bus section waits runs the loop.
+void UsbBus::Impl::RunPipe(Pipe* p) {
+    Lock lk(mLock);
+    InsideBus inside(this);
+    if (p->stepping) {
+        p->again = true;
+        return;
+    }
+    if (mBusSection || mBusDeferred) {
+        if (mRunning) mRunAgain = true;
+        return;
+    }
+    TransferList done;
+    StepPipe(lk, p, true, &done);
+    // The bus section waits, or the step left work for it (an abort notice,
+    // a removal asked for by a completion routine).
+    if (mStepping != 0 || (!mBusDeferred && !mDisconnectPending && mAbortNotices.empty())) return;
+    if (mRunning) {
+        mRunAgain = true;
+        return;
+    }
+    RunLocked(lk);
+}
+
+bool UsbBus::Impl::BusStep(Lock& lk) {
     if (mDisconnectPending) {
         HandleDisconnect(lk);
         return true;
@@ -162,13 +304,6 @@ bool UsbBus::Impl::Step(Lock& lk) {
     if (OperationStep(lk)) progress = true;
     if (mDisconnectPending) return true;
     if (ControlStep(lk)) progress = true;
-    // One turn per open pipe. Only this loop opens or closes pipes, and not
-    // while it walks them, so the list stands still meanwhile.
-    for (size_t i = 0; i < mOpenList.size(); i++) {
-        if (mDisconnectPending) return true;
-        Pipe* p = mOpenList[i];
-        if (!p->queue.Empty() && PipeStep(lk, p)) progress = true;
-    }
     return progress;
 }
 
@@ -226,12 +361,12 @@ void UsbBus::Impl::HandleDisconnect(Lock& lk) {
 // ---------------------------------------------------------------------------
 // Bulk and interrupt transfers
 // ---------------------------------------------------------------------------
-bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p) {
+bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p, TransferList* done) {
     Transfer* t = p->queue.Front();
     while (t && t->finished) t = TransferList::Next(t);
     if (!t) return false;
     if (p->halted) {
-        CompleteLocked(t, USBD_STATUS_STALL_PID);
+        CompleteLocked(t, USBD_STATUS_STALL_PID, done);
         return true;
     }
     if (p->nakWait) return false;
@@ -266,13 +401,13 @@ bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p) {
         // packet the packet lands in the bounce buffer and what fits is kept.
         bool bounce = room < packet;
         uint32_t n = bounce ? packet : std::min(room / packet, budget) * packet;
-        uint8_t* into = bounce ? mBounce.data() : t->buffer + t->done;
+        uint8_t* into = bounce ? p->bounce.data() : t->buffer + t->done;
         lk.unlock();
         device->InPackets(ep, into, n, packet, &run);
         lk.lock();
         run.bytes = std::min(run.bytes, n);
         uint32_t kept = std::min(run.bytes, room);
-        if (bounce && kept) memcpy(t->buffer + t->done, mBounce.data(), kept);
+        if (bounce && kept) memcpy(t->buffer + t->done, p->bounce.data(), kept);
         t->done += kept;
         mStats.packetsIn += run.packets;
         mStats.bytesIn += kept;
@@ -291,13 +426,13 @@ bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p) {
     bool progress = run.packets != 0;
     switch (run.handshake) {
     case UsbHandshake::Ack:
-        if (ended) CompleteLocked(t, result);
+        if (ended) CompleteLocked(t, result, done);
         progress = progress || ended;
         break;
     case UsbHandshake::Nak:
         mStats.naks++;
         if (ended) {
-            CompleteLocked(t, result);
+            CompleteLocked(t, result, done);
         } else if (mReadySeq[p->address] == seq) {
             p->nakWait = true;  // an EndpointReady during the call keeps the pipe going
         } else {
@@ -307,13 +442,13 @@ bool UsbBus::Impl::PipeStep(Lock& lk, Pipe* p) {
     case UsbHandshake::Stall:
         mStats.stalls++;
         p->halted = true;
-        CompleteLocked(t, USBD_STATUS_STALL_PID);
+        CompleteLocked(t, USBD_STATUS_STALL_PID, done);
         progress = true;
         break;
     }
     if (!t->finished && t->cancelRequested) {
         mAbortNotices.push_back(p->address);
-        CompleteLocked(t, USBD_STATUS_CANCELED);
+        CompleteLocked(t, USBD_STATUS_CANCELED, done);
         progress = true;
     }
     return progress;

@@ -162,6 +162,12 @@ struct Pipe {
     bool halted = false;
     bool nakWait = false;
     TransferList queue;
+    UsbBus::Impl* bus = nullptr;
+    // A thread is stepping the pipe (at most one at a time); work that comes
+    // for it meanwhile sets `again` and that thread goes round once more.
+    bool stepping = false;
+    bool again = false;
+    std::vector<uint8_t> bounce;  // an IN packet for less room than a packet (IN pipes)
 
     uint32_t PacketSize() const { return maxPacket & 0x7FF; }
     bool IsIn() const { return (address & USB_ENDPOINT_DIRECTION_MASK) != 0; }
@@ -201,8 +207,9 @@ struct UsbBus::Impl final : public UsbDevicePort {
     // run loop's through CompleteLocked and FlushDone, a refused or cancelled
     // one directly.
     bool Settle(Transfer* t, USBD_STATUS st);
-    void CompleteLocked(Transfer* t, USBD_STATUS st);
+    void CompleteLocked(Transfer* t, USBD_STATUS st, TransferList* done = nullptr);
     void FlushDone(Lock& lk);
+    void FlushList(Lock& lk, TransferList& done);
     void Finish(Transfer* t);
     void FinishNow(Lock& lk, Transfer* t);
     Transfer* NewTransfer();
@@ -233,8 +240,16 @@ struct UsbBus::Impl final : public UsbDevicePort {
     static void RunDeferred(void* context);
     void RunAtDispatch();
     void Run();
-    bool Step(Lock& lk);
-    bool PipeStep(Lock& lk, Pipe* p);
+    void RunLocked(Lock& lk);
+    bool BusStep(Lock& lk);
+    bool PipeStep(Lock& lk, Pipe* p, TransferList* done);
+    bool StepPipe(Lock& lk, Pipe* p, bool untilIdle, TransferList* done);
+    bool WakePipeLocked(Pipe* p);
+    void KickPipe(Pipe* p);
+    static void RunPipeDeferred(void* context);
+    void RunPipeAtDispatch(Pipe* p);
+    void RunPipe(Pipe* p);
+    bool InsideRun() const;
     void NotifyAborted(Lock& lk);
     void HandleDisconnect(Lock& lk);
     uint32_t PaceBudget(uint32_t packet);
@@ -272,7 +287,18 @@ struct UsbBus::Impl final : public UsbDevicePort {
     // it running sets mRunAgain instead, and the runner goes round once more.
     bool mRunning = false;
     bool mRunAgain = false;
-    std::thread::id mRunner;
+    // With inline completion, a thread that makes work for a pipe steps that
+    // pipe itself (RunPipe) while other threads step other pipes: a
+    // transfer's completion runs on the thread that fed its pipe. The bus
+    // section of the loop (removal, aborts, pipe operations, the default
+    // pipe) runs only while no pipe is being stepped: mStepping counts the
+    // pipes being stepped, mBusSection is set while the section (and the
+    // completion of what it finished) runs, and mBusDeferred while it waits
+    // for the steppers, which stop at their next turn; the last to stop
+    // runs the loop.
+    unsigned mStepping = 0;
+    bool mBusSection = false;
+    bool mBusDeferred = false;
 
     std::vector<std::unique_ptr<Pipe>> mPipes;  // every pipe ever opened
     std::unordered_map<uintptr_t, Pipe*> mOpenPipes;
@@ -297,7 +323,6 @@ struct UsbBus::Impl final : public UsbDevicePort {
     TransferList mFreeTransfers;
     std::vector<std::unique_ptr<ControlRecord>> mRecords;  // every record made
     std::vector<ControlRecord*> mFreeRecords;
-    std::vector<uint8_t> mBounce;  // an IN packet for less room than a packet
 
     uintptr_t mHandleSeq = 0;
     uintptr_t mConfigurationHandle = 0;

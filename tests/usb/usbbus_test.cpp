@@ -2,6 +2,8 @@
 // bulk transfers, packets, Nak, completion context and pacing.
 #include "usb_fixture.h"
 
+#include <condition_variable>
+
 namespace usbtest {
 namespace {
 
@@ -256,6 +258,94 @@ TEST_F(UsbBusCompletion, InlineCompletionAtDispatchLevelWaitsForTheIrqlToDrop) {
     EXPECT_EQ(r.irql, DISPATCH_LEVEL);
     EXPECT_EQ(r.thread, std::this_thread::get_id());
     EXPECT_EQ(r.status, STATUS_SUCCESS);
+}
+
+// With inline completion every thread that feeds a pipe steps it: two
+// threads feeding two pipes at once each complete their own transfers,
+// inside their own submissions.
+TEST_F(UsbBusCompletion, InlineCompletionRunsOnTheThreadThatFeedsThePipe) {
+    bus->SetInlineCompletion(true);
+    constexpr int kEach = 300;
+    Bytes out = Pattern(100);
+    std::vector<Bytes> inBuffers(kEach, Bytes(512));
+    std::vector<Request*> outs, ins;
+    for (int i = 0; i < kEach; i++) {
+        dev.QueueIn(kBulkIn, Pattern(64, (uint8_t)i));
+        outs.push_back(&BulkRequest(bulkOut, 0, out.data(), 100));
+        ins.push_back(&BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK,
+                                   inBuffers[i].data(), 512));
+    }
+    auto feed = [this](const std::vector<Request*>& list, std::thread::id* id) {
+        kplat::EnterDriverThread();
+        *id = std::this_thread::get_id();
+        for (Request* r : list) Send(*r);
+        kplat::LeaveDriverThread();
+    };
+    std::thread::id outThread, inThread;
+    std::thread a(feed, std::cref(outs), &outThread), b(feed, std::cref(ins), &inThread);
+    a.join();
+    b.join();
+    kplat::RunUntilIdle();
+    for (int i = 0; i < kEach; i++) {
+        SCOPED_TRACE(i);
+        for (Request* r : {outs[i], ins[i]}) {
+            ASSERT_TRUE(r->done());
+            EXPECT_EQ(r->status, STATUS_SUCCESS);
+            EXPECT_TRUE(r->completedInCall);
+            EXPECT_EQ(r->thread, r == outs[i] ? outThread : inThread);
+        }
+        EXPECT_EQ(ins[i]->urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 64u);
+        EXPECT_EQ(Bytes(inBuffers[i].begin(), inBuffers[i].begin() + 64), Pattern(64, (uint8_t)i));
+    }
+    EXPECT_EQ(dev.outTransfers.size(), (size_t)kEach);
+}
+
+// An abort of a pipe whose transfer is in the device on another thread
+// waits for that call: the thread stepping the pipe completes the transfer,
+// then runs the abort.
+TEST_F(UsbBusCompletion, AbortWaitsForTheTransferInTheDeviceOnAnotherThread) {
+    bus->SetInlineCompletion(true);
+    dev.QueueIn(kBulkIn, Pattern(64));
+    std::mutex m;
+    std::condition_variable cv;
+    bool entered = false, release = false;
+    dev.onIn = [&] {
+        std::unique_lock<std::mutex> lk(m);
+        if (entered) return;
+        entered = true;
+        cv.notify_all();
+        cv.wait(lk, [&] { return release; });
+    };
+    Bytes buffer(512);
+    Request& in = BulkRequest(bulkIn, USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK, buffer.data(), 512);
+    Request& abort = PipeRequest(URB_FUNCTION_ABORT_PIPE, bulkIn);
+    std::thread stepper([&] {
+        kplat::EnterDriverThread();
+        Send(in);
+        kplat::LeaveDriverThread();
+    });
+    {
+        std::unique_lock<std::mutex> lk(m);
+        cv.wait(lk, [&] { return entered; });
+    }
+    EXPECT_EQ(Send(abort), STATUS_PENDING);
+    EXPECT_FALSE(abort.done());
+    EXPECT_FALSE(in.done());
+    {
+        std::lock_guard<std::mutex> lk(m);
+        release = true;
+    }
+    cv.notify_all();
+    stepper.join();
+    kplat::RunUntilIdle();
+    dev.onIn = nullptr;
+    ASSERT_TRUE(in.done());
+    EXPECT_EQ(in.status, STATUS_SUCCESS);
+    EXPECT_EQ(in.urb()->UrbBulkOrInterruptTransfer.TransferBufferLength, 64u);
+    ASSERT_TRUE(abort.done());
+    EXPECT_EQ(abort.status, STATUS_SUCCESS);
+    EXPECT_EQ(abort.thread, in.thread);
+    EXPECT_EQ(dev.aborted, std::vector<uint8_t>{kBulkIn});
 }
 
 // ---------------------------------------------------------------------------

@@ -49,9 +49,14 @@
 // returning STATUS_PENDING, as a real bus does. A request submitted at
 // DISPATCH_LEVEL is worked on when the submitting thread's IRQL drops below
 // it, as the bus's DPC would run on that processor (on the stand-in's own
-// threads: from the bus's DPC); the same goes for EndpointReady. The bus never holds its lock
-// while it completes an IRP or calls the device, and calls the device one
-// call at a time.
+// threads: from the bus's DPC); the same goes for EndpointReady. Inline,
+// the thread that feeds a pipe (a submission, EndpointReady) moves that
+// pipe's transfers and completes them, while other threads may do the same
+// for other pipes at the same time; a pipe's transfers still complete in
+// order, and control transfers and pipe operations wait until no pipe is
+// being moved. The bus never holds its lock while it completes an IRP or
+// calls the device, and calls the device one call at a time per endpoint
+// (one at a time in all without inline completion).
 //
 // Functions:
 //   GET_DESCRIPTOR_FROM_DEVICE/INTERFACE/ENDPOINT -> control GET_DESCRIPTOR

@@ -14,9 +14,13 @@
 // becomes SET_INTERFACE, SYNC_RESET_PIPE_AND_CLEAR_STALL becomes
 // CLEAR_FEATURE(ENDPOINT_HALT). Descriptors are read with GET_DESCRIPTOR.
 //
-// Threading: the bus calls a device at DISPATCH_LEVEL from its own DPC (or
-// inline from IofCallDriver when inline completion is switched on), one call
-// at a time per bus (the bus serialises). A device may call its port from any
+// Threading: the bus calls a device at DISPATCH_LEVEL from its own DPC, one
+// call at a time per bus (the bus serialises). With inline completion
+// switched on, it calls from the threads that submit transfers or signal
+// EndpointReady: still one call at a time per endpoint, but calls for
+// different endpoints may come from different threads at the same time;
+// control transfers, EndpointAborted and Detached never overlap any other
+// call. A device may call its port from any
 // thread at <= DISPATCH_LEVEL. From inside one of the bus's calls into it, a
 // device may call CompleteControl and EndpointReady only; Disconnect must
 // come from outside (the simulated device defers it to its Service routine).
