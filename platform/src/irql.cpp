@@ -22,9 +22,10 @@ std::mutex gCheckMutex;
 kplat::CheckHandler gCheckHandler;
 }  // namespace
 
-ThreadState& Self() {
+ThreadState& SelfSlow() {
     thread_local ThreadState state;
     if (state.id == 0) state.id = gNextThreadId.fetch_add(4, std::memory_order_relaxed);
+    tSelf = &state;
     return state;
 }
 

@@ -108,7 +108,12 @@ struct NdisAdapter::Impl {
     // Sends, requests and resets let through to the miniport and not yet
     // returned from it; Halt lets them return before it calls MPHalt, as
     // NDIS never halts a miniport with a call of the stack under way.
-    unsigned callsInFlight = 0;
+    // Counted up under the mutex, down without it; haltWaiting is set by a
+    // halt (under the mutex) before it reads the count. Both seq_cst: a
+    // call that ends after the halt read the count sees haltWaiting and
+    // signals callsDone, so the halt never waits for a call that has ended.
+    std::atomic<unsigned> callsInFlight{0};
+    std::atomic<bool> haltWaiting{false};
     NDIS_HANDLE context = nullptr;
     UINT hangSeconds = 0;
     ULONG attributeFlags = 0;

@@ -133,6 +133,7 @@ NdisAdapter::NdisAdapter(NdisDriver& driver, UsbBus& bus, const AdapterOptions& 
     a.openError = openError;
     a.selectedMedium = selected;
     a.initialized = status == NDIS_STATUS_SUCCESS;
+    a.haltWaiting.store(false);
     if (a.initialized && options.hangCheck && a.Chars().Ndis50Chars.Ndis40Chars.Ndis30Chars.CheckForHangHandler) {
         UINT seconds = a.hangSeconds != 0 ? a.hangSeconds : 2;
         KeSetTimer(&a.hangTimer, RelativeDue(seconds * 1000 * kUnitsPerMs), &a.hangDpc);
@@ -178,7 +179,8 @@ void NdisAdapter::Halt() {
         a.initialized = false;
         context = a.context;
         KeCancelTimer(&a.hangTimer);
-        if (a.callsInFlight != 0) KeClearEvent(&a.callsDone);
+        a.haltWaiting.store(true);
+        if (a.callsInFlight.load() != 0) KeClearEvent(&a.callsDone);
     }
     KeFlushQueuedDpcs();
     KeWaitForSingleObject(&a.callsDone, Executive, KernelMode, FALSE, nullptr);
@@ -272,14 +274,15 @@ NDIS_STATUS NdisAdapter::Query(NDIS_OID oid, PVOID buffer, ULONG length, PULONG 
     return status;
 }
 
-// Calls begin only while initialized; the event is touched only once a
-// halt has cleared `initialized`, so a busy adapter does not take the
-// scheduler's lock twice per send.
-void NdisAdapter::Impl::EnterCallLocked() { callsInFlight++; }
+// Calls begin only while initialized; the mutex and the event are touched
+// at the end of a call only once a halt waits for the calls (haltWaiting),
+// so a busy adapter takes neither for a call that ends.
+void NdisAdapter::Impl::EnterCallLocked() { callsInFlight.fetch_add(1); }
 
 void NdisAdapter::Impl::LeaveCall() {
+    if (callsInFlight.fetch_sub(1) != 1 || !haltWaiting.load()) return;
     Lock lock(mutex);
-    if (--callsInFlight == 0 && !initialized) KeSetEvent(&callsDone, IO_NO_INCREMENT, FALSE);
+    if (callsInFlight.load() == 0) KeSetEvent(&callsDone, IO_NO_INCREMENT, FALSE);
 }
 
 NDIS_STATUS NdisAdapter::Set(NDIS_OID oid, PVOID buffer, ULONG length, PULONG bytesRead, PULONG bytesNeeded) {

@@ -121,9 +121,8 @@ uint64_t SystemTimeBase(const Scheduler& s) {
 }
 
 // Converts a kernel due time (negative: relative, positive: absolute system
-// time) into clock units.
-uint64_t DeadlineFromDueTime(LONGLONG due) {
-    uint64_t now = ClockNow();
+// time) into clock units, given the clock's reading now.
+uint64_t DeadlineFromDueTime(LONGLONG due, uint64_t now) {
     if (due < 0) return now + (uint64_t)(-due);
     uint64_t base = SystemTimeBase(S());
     uint64_t abs = (uint64_t)due;
@@ -537,7 +536,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     wb.counted = self.kind != ThreadKind::External;
     InsertTailList(&h->WaitListHead, &wb.objectLink);
     if (wb.timed) {
-        wb.deadline = DeadlineFromDueTime(Timeout->QuadPart);
+        wb.deadline = DeadlineFromDueTime(Timeout->QuadPart, ClockNow());
         wb.sequence = ++s.sequence;
         InsertSortedWaitLocked(s, &wb);
         WakeTimerThreadLocked(s, wb.deadline);
@@ -606,14 +605,15 @@ BOOLEAN KeSetTimer(PKTIMER Timer, LARGE_INTEGER DueTime, PKDPC Dpc) {
     Lock lk(s.mutex);
     BOOLEAN wasPending = Timer->Header.Inserted != 0;
     if (wasPending) RemoveEntryList(&Timer->TimerListEntry);
-    Timer->DueTime = DeadlineFromDueTime(DueTime.QuadPart);
+    const uint64_t now = ClockNow();  // one reading for both uses
+    Timer->DueTime = DeadlineFromDueTime(DueTime.QuadPart, now);
     Timer->Sequence = ++s.sequence;
     Timer->Dpc = Dpc;
     Timer->Period = 0;
     Timer->Header.SignalState = 0;
     Timer->Header.Inserted = 1;
     InsertSortedTimerLocked(s, Timer);
-    if (Timer->DueTime <= ClockNow()) {
+    if (Timer->DueTime <= now) {
         // Due already (a zero or past due time): expires now, not at the next
         // move of the clock.
         ExpireTimerLocked(s, Timer);

@@ -52,6 +52,14 @@ struct ThreadState {
     WaitBlock wait;
 };
 
-ThreadState& Self();
+// The calling thread's state. The pointer is a plain thread-local (no
+// initialisation guard), so the common path is one load; the first call
+// of a thread makes the state (SelfSlow).
+ThreadState& SelfSlow();
+inline thread_local ThreadState* tSelf = nullptr;
+inline ThreadState& Self() {
+    ThreadState* self = tSelf;
+    return __builtin_expect(self != nullptr, 1) ? *self : SelfSlow();
+}
 
 }  // namespace kplat_internal

@@ -179,7 +179,7 @@ void NcmDevice::ResetFunctionLocked()
 
 void NcmDevice::ResetDataPathLocked()
 {
-    mOutBuffer.clear();
+    DiscardOutLocked();
     mLastOutEndedAtMax = false;
     mOutSequenceValid = false;
     mOutSequence = 0;
@@ -266,7 +266,7 @@ bool NcmDevice::ApplyFaultLocked(Outbox& out, Endpoint e, UsbHandshake* handshak
         if (f->failHandshake == UsbHandshake::Stall) {
             *HaltFlagLocked(e) = true;
             if (e == Endpoint::BulkOut) {
-                mOutBuffer.clear();
+                DiscardOutLocked();
             }
             *handshake = UsbHandshake::Stall;
         } else {

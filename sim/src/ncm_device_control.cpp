@@ -195,7 +195,7 @@ bool NcmDevice::StandardRequestLocked(Outbox& out, kplat::UsbControlTransfer* t)
         // USB 2.0, 9.4.5: clearing the halt resets the data toggle; a
         // transfer cut by the halt is lost.
         if (e == Endpoint::BulkOut) {
-            mOutBuffer.clear();
+            DiscardOutLocked();
         } else {
             InTransfer& x = e == Endpoint::BulkIn ? mIn : mNotify;
             if (x.active && x.offset != 0) {

@@ -231,6 +231,7 @@ UsbHandshake NcmDevice::OutPacket(uint8_t ep, const uint8_t* data, uint32_t leng
         out.port = mPort;
         out.request = mServiceRequest;
         result = OutPacketLocked(out, ep, data, length, &mDeliver);
+        KeepRunLocked();
     }
     Emit(mDeliver);
     Flush(out);
@@ -257,6 +258,7 @@ void NcmDevice::OutPackets(uint8_t ep, const uint8_t* data, uint32_t length, uin
             run->bytes += n;
             offset += n;
         } while (offset < length);
+        KeepRunLocked();
     }
     Emit(mDeliver);
     Flush(out);
@@ -283,8 +285,14 @@ UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* 
         return refused;
     }
     const uint32_t packet = mProfile.BulkMaxPacket();
-    mOutBuffer.insert(mOutBuffer.end(), data, data + length);
-    if (length == 0 && mOutBuffer.empty()) {
+    if (length != 0) {
+        // The packets of one call follow each other in the caller's buffer.
+        if (mRunLength == 0) {
+            mRunStart = data;
+        }
+        mRunLength += length;
+    }
+    if (length == 0 && OutPendingLocked() == 0) {
         // A zero-length transfer. USB ends a transfer with a short
         // packet; NCM 1.0 adds that a transfer of exactly
         // dwNtbOutMaxSize bytes ends without a ZLP. So a ZLP that
@@ -299,10 +307,10 @@ UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* 
     } else if (length < packet) {
         mLastOutEndedAtMax = false;
         OutTransferLocked(deliver);
-    } else if (mOutBuffer.size() == mProfile.ntb.dwNtbOutMaxSize) {
+    } else if (OutPendingLocked() == mProfile.ntb.dwNtbOutMaxSize) {
         mLastOutEndedAtMax = true;
         OutTransferLocked(deliver);
-    } else if (mOutBuffer.size() >= kOutTransferCap) {
+    } else if (OutPendingLocked() >= kOutTransferCap) {
         // A host that never ends its transfer: check what came so far
         // rather than buffer without bound.
         mLastOutEndedAtMax = false;
@@ -311,14 +319,44 @@ UsbHandshake NcmDevice::OutPacketLocked(Outbox& out, uint8_t ep, const uint8_t* 
     return UsbHandshake::Ack;
 }
 
+void NcmDevice::KeepRunLocked()
+{
+    if (mRunLength != 0) {
+        mOutBuffer.insert(mOutBuffer.end(), mRunStart, mRunStart + mRunLength);
+    }
+    mRunStart = nullptr;
+    mRunLength = 0;
+}
+
+void NcmDevice::DiscardOutLocked()
+{
+    mOutBuffer.clear();
+    mRunStart = nullptr;
+    mRunLength = 0;
+}
+
 void NcmDevice::OutTransferLocked(FrameBatch* deliver)
 {
     ++mOutTransferNumber;
     ++mTraffic.outTransfers;
-    Bytes transfer;
-    transfer.swap(mOutBuffer);
-    const uint8_t* p = transfer.data();
-    size_t left = transfer.size();
+    const uint8_t* p;
+    size_t left;
+    if (mOutBuffer.empty()) {
+        // Begun and ended in this call: checked where the bus has it.
+        p = mRunStart;
+        left = mRunLength;
+    } else {
+        // Frames of an earlier transfer of this call may refer to
+        // mOutTransfer, which this one takes over.
+        deliver->Own();
+        mOutBuffer.insert(mOutBuffer.end(), mRunStart, mRunStart + mRunLength);
+        mOutTransfer.swap(mOutBuffer);
+        mOutBuffer.clear();  // the next transfer reuses the old one's room
+        p = mOutTransfer.data();
+        left = mOutTransfer.size();
+    }
+    mRunStart = nullptr;
+    mRunLength = 0;
     const uint32_t packet = mProfile.BulkMaxPacket();
     const uint32_t signature = mNtb32 ? ntb::kNth32Signature : ntb::kNth16Signature;
     const size_t header = mNtb32 ? ntb::kNth32Length : ntb::kNth16Length;
@@ -340,15 +378,13 @@ void NcmDevice::OutTransferLocked(FrameBatch* deliver)
         left -= block;
     }
     CheckOneNtbLocked(p, left, deliver);
-    // The next transfer reuses the buffer (mOutBuffer is empty here).
-    transfer.clear();
-    mOutBuffer.swap(transfer);
 }
 
 void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch* deliver)
 {
     ++mTraffic.outNtbs;
-    CheckResult r = CheckNtb(data, length, OutRulesLocked());
+    CheckResult& r = mCheck;
+    CheckNtb(data, length, OutRulesLocked(), &r);
     for (Finding& f : r.findings) {
         RecordLocked(f.kind, std::move(f.detail));
     }
@@ -378,7 +414,7 @@ void NcmDevice::CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch
         }
         ++mTraffic.outDatagrams;
         CountFrameLocked(data + d.offset, d.length, false);
-        deliver->Add(data + d.offset, d.length);
+        deliver->Refer(data + d.offset, d.length);
     }
 }
 
@@ -660,7 +696,7 @@ void NcmDevice::EndpointAborted(uint8_t endpointAddress)
     }
     switch (Classify(endpointAddress)) {
     case Endpoint::BulkOut:
-        mOutBuffer.clear();
+        DiscardOutLocked();
         break;
     case Endpoint::BulkIn:
         if (mIn.active && mIn.offset != 0) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
 
 namespace ethsim {
 
@@ -68,6 +67,17 @@ struct Candidate {
     bool crc;
 };
 
+// Working lists of one check, kept per thread so that a check allocates
+// nothing once they have grown.
+struct Scratch {
+    std::vector<Range> structures;
+    std::vector<Candidate> candidates;
+    std::vector<uint64_t> seen;
+    std::vector<Candidate> mine;
+    std::vector<Range> taken;
+};
+thread_local Scratch tScratch;
+
 }  // namespace
 
 // The rules below are those of NCM 1.0 for the NTH16/NTH32 and NDP16/NDP32
@@ -76,6 +86,20 @@ struct Candidate {
 CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
 {
     CheckResult r;
+    CheckNtb(data, length, rules, &r);
+    return r;
+}
+
+void CheckNtb(const uint8_t* data, size_t length, const OutRules& rules, CheckResult* result)
+{
+    CheckResult& r = *result;
+    r.headerValid = false;
+    r.sequence = 0;
+    r.blockLength = 0;
+    r.datagramEntries = 0;
+    r.good.clear();
+    r.rejected = 0;
+    r.findings.clear();
     auto report = [&r](Violation v, std::string detail) { r.findings.push_back({v, std::move(detail)}); };
 
     const uint32_t nthLength = rules.ntb32 ? ntb::kNth32Length : ntb::kNth16Length;
@@ -84,7 +108,7 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
 
     if (length < nthLength) {
         report(Violation::TransferTooShort, Format("transfer of %llu bytes, the header alone is %llu", length, nthLength));
-        return r;
+        return;
     }
     // NTH dwSignature: "NCMH" for NTH16, "ncmh" for NTH32; the form is the
     // one the host chose with SET_NTB_FORMAT.
@@ -96,7 +120,7 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
                signature == other ? Format(rules.ntb32 ? "NTH16 signature while NTB32 is selected"
                                                        : "NTH32 signature while NTB16 is selected")
                                   : Format("signature 0x%08llx", signature));
-        return r;
+        return;
     }
     r.headerValid = true;
     // wHeaderLength: the size of the NTH, 12 or 16.
@@ -127,9 +151,13 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
     }
 
     // Walk the chain of NDPs.
-    std::vector<Range> structures = {{0, nthLength}};
-    std::vector<Candidate> candidates;
-    std::set<uint64_t> seen;
+    Scratch& scratch = tScratch;
+    std::vector<Range>& structures = scratch.structures;
+    structures.assign(1, Range{0, nthLength});
+    std::vector<Candidate>& candidates = scratch.candidates;
+    candidates.clear();
+    std::vector<uint64_t>& seen = scratch.seen;  // NDP offsets visited (a chain has few)
+    seen.clear();
     uint64_t ndp = firstNdp;
     bool firstInChain = true;
     while (true) {
@@ -142,10 +170,11 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
                                                ndp, end));
             break;
         }
-        if (!seen.insert(ndp).second) {
+        if (std::find(seen.begin(), seen.end(), ndp) != seen.end()) {
             report(Violation::NdpChain, Format("next NDP index %llu was already visited", ndp));
             break;
         }
+        seen.push_back(ndp);
         // The NDP index is a multiple of 4 (NTH16 wNdpIndex, NDP
         // wNextNdpIndex) and of wNdpOutAlignment.
         const uint64_t alignment = std::max<uint16_t>(rules.alignment, 1);
@@ -200,7 +229,8 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
 
         // The datagram pointers end at the first entry whose index and
         // length are both zero; it must lie inside wLength.
-        std::vector<Candidate> mine;
+        std::vector<Candidate>& mine = scratch.mine;
+        mine.clear();
         bool terminated = false;
         uint32_t entries = 0;
         for (uint64_t e = ndp + ndpHeader; e + entryLength <= ndp + ndpLength; e += entryLength) {
@@ -243,7 +273,8 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
 
     // Datagram checks. Overlaps with earlier good datagrams are found on a
     // list kept sorted by offset.
-    std::vector<Range> taken;
+    std::vector<Range>& taken = scratch.taken;
+    taken.clear();
     const uint16_t divisor = rules.divisor;
     size_t ordinal = 0;
     for (const Candidate& c : candidates) {
@@ -319,7 +350,6 @@ CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules)
         taken.insert(it, range);
         r.good.push_back({c.index, frameLength});
     }
-    return r;
 }
 
 namespace {

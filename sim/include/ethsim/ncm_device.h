@@ -261,6 +261,9 @@ private:
                                         FrameBatch* deliver);
     kplat::UsbHandshake InPacketLocked(Outbox& out, uint8_t ep, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
     void OutTransferLocked(FrameBatch* deliver);
+    size_t OutPendingLocked() const { return mOutBuffer.size() + mRunLength; }
+    void KeepRunLocked();     // the pending packets of a call into mOutBuffer
+    void DiscardOutLocked();  // drops the transfer under way
     void CheckOneNtbLocked(const uint8_t* data, size_t length, FrameBatch* deliver);
     void RecordLocked(Violation kind, std::string detail);
     kplat::UsbHandshake BulkInLocked(Outbox& out, uint8_t* buffer, uint32_t maxLength, uint32_t* length);
@@ -320,9 +323,18 @@ private:
     // Bulk OUT.
     // The good datagrams of a bus call, for the network after the lock is
     // released. Only OutPacket and OutPackets use it, and the bus makes one
-    // call at a time.
+    // call at a time per endpoint. Its frames refer to the bytes of the call
+    // (mRun) or of mOutTransfer, which stay until the call returns.
     FrameBatch mDeliver;
-    Bytes mOutBuffer;
+    // The packets of the current call that belong to a transfer not yet
+    // ended: kept where the bus has them, and copied to mOutBuffer only when
+    // the call returns before the transfer ends. A transfer that begins and
+    // ends in one call is checked where it lies.
+    const uint8_t* mRunStart = nullptr;
+    size_t mRunLength = 0;
+    Bytes mOutBuffer;    // the transfer so far, from earlier calls
+    Bytes mOutTransfer;  // the last transfer gathered in mOutBuffer, kept for mDeliver
+    CheckResult mCheck;  // reused by every NTB check
     bool mLastOutEndedAtMax = false;
     bool mOutSequenceValid = false;
     uint16_t mOutSequence = 0;

@@ -25,10 +25,26 @@ namespace ethsim {
 // allocates nothing once it has grown.
 class FrameBatch {
 public:
+    // Adds a copy of the frame.
     void Add(const uint8_t* frame, size_t length)
     {
-        mFrames.push_back(Span{mBytes.size(), length});
+        mFrames.push_back(Span{nullptr, mBytes.size(), length});
         mBytes.insert(mBytes.end(), frame, frame + length);
+    }
+    // Adds the frame without a copy: its bytes must stay as they are until
+    // the batch is cleared or Own() has run.
+    void Refer(const uint8_t* frame, size_t length) { mFrames.push_back(Span{frame, 0, length}); }
+    // Copies every referred frame into the batch.
+    void Own()
+    {
+        for (Span& f : mFrames) {
+            if (f.at != nullptr) {
+                const uint8_t* at = f.at;
+                f.at = nullptr;
+                f.offset = mBytes.size();
+                mBytes.insert(mBytes.end(), at, at + f.length);
+            }
+        }
     }
     void Clear()
     {
@@ -36,11 +52,15 @@ public:
         mFrames.clear();
     }
     size_t Count() const { return mFrames.size(); }
-    const uint8_t* Frame(size_t i) const { return mBytes.data() + mFrames[i].offset; }
+    const uint8_t* Frame(size_t i) const
+    {
+        return mFrames[i].at != nullptr ? mFrames[i].at : mBytes.data() + mFrames[i].offset;
+    }
     size_t Length(size_t i) const { return mFrames[i].length; }
 
 private:
     struct Span {
+        const uint8_t* at;  // a referred frame, or NULL for a copy at offset
         size_t offset;
         size_t length;
     };

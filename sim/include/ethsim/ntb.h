@@ -91,6 +91,9 @@ struct CheckResult {
 // faults reject the NTB, NDP faults the NDP (and the rest of the chain),
 // datagram faults the datagram; everything else is only reported.
 CheckResult CheckNtb(const uint8_t* data, size_t length, const OutRules& rules);
+// The same into *result, whose vectors keep their capacity (no allocation
+// once they have grown).
+void CheckNtb(const uint8_t* data, size_t length, const OutRules& rules, CheckResult* result);
 
 // The rules for NTBs the device builds.
 struct InRules {
