@@ -236,6 +236,7 @@ int RunBridge(const BridgeOptions& o)
             return;
         }
         if (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
+            host.Flush();
             tapBatch.Drain();
             auto start = std::chrono::steady_clock::now();
             while (host.Adapter().PacketsOutstanding() >= o.maxOutstanding) {
@@ -246,9 +247,20 @@ int RunBridge(const BridgeOptions& o)
                 std::this_thread::yield();
             }
         }
-        host.Send(frame, length);
+        if (real) {
+            host.Send(frame, length);
+        } else {
+            host.Queue(frame, length);
+        }
     }, [&](bool begin) {
-        if (!real) tapBatch.Hook(begin);
+        if (real) return;
+        if (!begin) {
+            // The batch's frames go to the miniport in one MPSendPackets,
+            // then the bus works on them as the IRQL drops.
+            std::lock_guard<std::mutex> lock(adapterLock);
+            host.Flush();
+        }
+        tapBatch.Hook(begin);
     });
     const std::string side = real ? "USB device " + host.Usb()->Description()
                              : "simulated device <-> " + (peer ? "TAP " + o.peerTap : "responder " + o.responder);

@@ -272,6 +272,7 @@ void Host::Shutdown()
     if (mShutDown) return;
     mShutDown = true;
     if (mAdapter) {
+        Flush();
         mAdapter->Halt();
         mOutstandingAtHalt = mAdapter->PacketsOutstanding();
         mAdapter.reset();
@@ -306,6 +307,7 @@ void Host::SetMedia(bool connected)
 void Host::RemoveAdapter()
 {
     if (!mAdapter) return;
+    Flush();  // the miniport completes them, with the device gone or not
     mAdapter->SurpriseRemove();
     mOutstandingAtHalt = mAdapter->PacketsOutstanding();
     mAdapter.reset();
@@ -356,6 +358,26 @@ void Host::Send(const uint8_t* frame, size_t length)
 {
     if (mPcap) mPcap->Write(frame, length);
     mAdapter->SendFrame(frame, length);
+}
+
+void Host::Queue(const uint8_t* frame, size_t length)
+{
+    if (mPcap) mPcap->Write(frame, length);
+    PNDIS_PACKET packet = mAdapter->AllocateFramePacket(frame, length);
+    if (packet == nullptr) {
+        mAdapter->SendFrame(frame, length);  // too long for a pooled packet: on its own
+        return;
+    }
+    mQueued[mQueuedCount++] = packet;
+    if (mQueuedCount == kQueuedSends) Flush();
+}
+
+void Host::Flush()
+{
+    if (mQueuedCount == 0 || !mAdapter) return;
+    const UINT count = (UINT)mQueuedCount;
+    mQueuedCount = 0;
+    mAdapter->Send(mQueued, count);
 }
 
 void Host::OnFrame(std::function<void(const uint8_t* frame, size_t length)> callback)

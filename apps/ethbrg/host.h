@@ -91,6 +91,13 @@ public:
     // ---- the stack above the adapter ----
     // Sends one frame (a copy), also into the Ethernet pcap.
     void Send(const uint8_t* frame, size_t length);
+    // Copies a frame into a packet (and the Ethernet pcap) for the next
+    // Flush, which gives the queued packets to the miniport in one
+    // MPSendPackets, as a protocol sends a batch; a full queue is flushed
+    // by itself. Callers serialize Queue, Flush and the removal of the
+    // adapter (which flushes first).
+    void Queue(const uint8_t* frame, size_t length);
+    void Flush();
     // Called for every frame indicated to the stack (header and data joined),
     // after it went into the Ethernet pcap. Set before Plug.
     void OnFrame(std::function<void(const uint8_t* frame, size_t length)> callback);
@@ -145,6 +152,9 @@ private:
     std::unique_ptr<kplat::NdisDriver> mDriver;
     std::unique_ptr<kplat::NdisAdapter> mAdapter;
     std::unique_ptr<PcapWriter> mPcap;
+    static constexpr size_t kQueuedSends = 32;  // packets one MPSendPackets takes at most
+    PNDIS_PACKET mQueued[kQueuedSends] = {};
+    size_t mQueuedCount = 0;
     std::function<void(const uint8_t*, size_t)> mOnFrame;
     void SetMedia(bool connected);
     // Orders the media state taken after initialization with the status

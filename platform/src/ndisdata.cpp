@@ -293,6 +293,18 @@ void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLay
     Send(&packet, 1);
 }
 
+PNDIS_PACKET NdisAdapter::AllocateFramePacket(const uint8_t* frame, size_t length) {
+    if (length > kPooledBytes) return nullptr;
+    HostPacket* host;
+    {
+        Lock lock(mImpl->mutex);
+        host = mImpl->TakePooledLocked();
+    }
+    FillPooled(host, frame, length);
+    host->freeOnCompletion = true;
+    return &host->packet;
+}
+
 // The stack's side of a completion: the callback, then the packet of a
 // SendFrame is freed.
 void NdisAdapter::Impl::Finish(PNDIS_PACKET packet, NDIS_STATUS status) {

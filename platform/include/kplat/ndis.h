@@ -177,6 +177,10 @@ public:
     void Send(PNDIS_PACKET* packets, UINT count);
     // Allocates a packet for frame, sends it and frees it on completion.
     void SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout = PacketLayout());
+    // A packet of one mapped buffer with a copy of frame, freed on its
+    // completion as a SendFrame packet is: for sending several in one Send.
+    // NULL when the frame is longer than a pooled packet holds (2048 bytes).
+    PNDIS_PACKET AllocateFramePacket(const uint8_t* frame, size_t length);
     // Called for each NdisMSendComplete (any thread, DISPATCH_LEVEL or below),
     // before a SendFrame packet is freed.
     void OnSendComplete(std::function<void(PNDIS_PACKET packet, NDIS_STATUS status)> callback);
