@@ -223,6 +223,13 @@ std::string Summary::Text() const
             s += " " + name + "=" + (v.is_string() ? v.get<std::string>() : v.dump());
         }
         s += "\n";
+        if (mJson["oids"].contains("xmitOk")) {
+            // The driver answers these from the device's own counters when the
+            // device keeps them, as it last read them: they lag behind, and
+            // stay 0 before the first read.
+            s += "            (xmit/rcv counts: the device's counters when it keeps them, read every "
+                 "StatisticsUpdateInterval ms; else the driver's own)\n";
+        }
     }
     if (mJson.contains("halt")) {
         const json& h = mJson["halt"];

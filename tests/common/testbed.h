@@ -287,7 +287,19 @@ public:
             for (const Bytes& f : frames) Queue(f);
             mCont->ProcessTxPackets();
         } else {
-            for (const Bytes& f : frames) mAdapter->SendFrame(f.data(), f.size());
+            // One MPSendPackets for all of them, as a protocol sends a batch.
+            std::vector<PNDIS_PACKET> packets;
+            for (const Bytes& f : frames) {
+                PNDIS_PACKET p = mAdapter->AllocateFramePacket(f.data(), f.size());
+                if (p == nullptr) {  // longer than a pooled packet: on its own, in order
+                    if (!packets.empty()) mAdapter->Send(packets.data(), (UINT)packets.size());
+                    packets.clear();
+                    mAdapter->SendFrame(f.data(), f.size());
+                    continue;
+                }
+                packets.push_back(p);
+            }
+            if (!packets.empty()) mAdapter->Send(packets.data(), (UINT)packets.size());
         }
         Settle(settleMs);
     }
