@@ -229,8 +229,13 @@ int RunBridge(const BridgeOptions& o)
     // miniport holds as many packets as a protocol would give it, the reader
     // waits (the TAP's own queue then holds the stack back, as a full
     // transmit ring would); after 100 ms without room the frame is dropped.
+    // A batch of reads holds adapterLock from its first frame to its end (the
+    // port calls the batch hook around every batch), so that the adapter
+    // cannot go in the middle of it; the lock is taken once a batch, not once
+    // a frame. At its end the batch's frames go to the miniport in one
+    // MPSendPackets, and the bus works on them as the IRQL drops.
+    std::unique_lock<std::mutex> batchLock(adapterLock, std::defer_lock);  // the TAP thread's
     tap.Start([&](const uint8_t* frame, size_t length) {
-        std::lock_guard<std::mutex> lock(adapterLock);
         if (!host.HasAdapter()) {
             sendsDropped++;
             return;
@@ -253,14 +258,14 @@ int RunBridge(const BridgeOptions& o)
             host.Queue(frame, length);
         }
     }, [&](bool begin) {
-        if (real) return;
-        if (!begin) {
-            // The batch's frames go to the miniport in one MPSendPackets,
-            // then the bus works on them as the IRQL drops.
-            std::lock_guard<std::mutex> lock(adapterLock);
-            host.Flush();
+        if (begin) {
+            batchLock.lock();
+            if (!real) tapBatch.Hook(true);
+            return;
         }
-        tapBatch.Hook(begin);
+        host.Flush();
+        batchLock.unlock();
+        if (!real) tapBatch.Hook(false);
     });
     const std::string side = real ? "USB device " + host.Usb()->Description()
                              : "simulated device <-> " + (peer ? "TAP " + o.peerTap : "responder " + o.responder);

@@ -563,7 +563,7 @@ bool NcmDevice::StartInTransferLocked()
     }
     const InRules rules = InRulesLocked();
     while (!mFrames.empty()) {
-        Bytes ntbBytes;
+        Bytes ntbBytes = std::move(mInRoom);
         const size_t taken =
             PackNtb(mFrames, rules, mProfile.in.sequenceAlwaysZero ? 0 : mInSequence, &ntbBytes);
         if (taken == 0) {
@@ -620,7 +620,9 @@ UsbHandshake NcmDevice::BulkInLocked(Outbox& out, uint8_t* buffer, uint32_t maxL
         if (chunk == packet && mIn.zlp) {
             mIn.zlp = false;  // the ZLP is the next packet
         } else {
+            Bytes room = std::move(mIn.bytes);
             mIn = InTransfer();
+            mInRoom = std::move(room);  // the next NTB is built in it
         }
     }
     return UsbHandshake::Ack;

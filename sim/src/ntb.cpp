@@ -372,9 +372,14 @@ uint64_t AlignNdp(uint64_t offset, uint16_t alignment)
     return p;
 }
 
-Layout MakeLayout(const std::vector<uint32_t>& lengths, const InRules& rules)
+// Into *out, whose vectors keep their capacity.
+void MakeLayout(const std::vector<uint32_t>& lengths, const InRules& rules, Layout* out)
 {
-    Layout l;
+    Layout& l = *out;
+    l.total = 0;
+    l.datagramOffsets.clear();
+    l.ndpOffsets.clear();
+    l.ndpEntries.clear();
     const uint64_t n = lengths.size();
     const uint32_t nth = rules.ntb32 ? ntb::kNth32Length : ntb::kNth16Length;
     const uint32_t ndpHeader = rules.ntb32 ? ntb::kNdp32HeaderLength : ntb::kNdp16HeaderLength;
@@ -407,30 +412,40 @@ Layout MakeLayout(const std::vector<uint32_t>& lengths, const InRules& rules)
     } else {
         l.total = placeDatagrams(placeNdps(nth));
     }
-    return l;
 }
+
+// Working lists of PackNtb, kept per thread (no allocation once grown).
+struct PackScratch {
+    std::vector<uint32_t> lengths;
+    Layout layout, next;
+};
+thread_local PackScratch tPack;
 
 }  // namespace
 
 uint64_t PackedLength(const std::vector<uint32_t>& frameLengths, const InRules& rules)
 {
-    return MakeLayout(frameLengths, rules).total;
+    Layout l;
+    MakeLayout(frameLengths, rules, &l);
+    return l.total;
 }
 
 size_t PackNtb(const std::deque<Bytes>& frames, const InRules& rules, uint16_t sequence, Bytes* out)
 {
     const uint64_t limit = std::min<uint64_t>(rules.maxSize, rules.ntb32 ? 0xFFFFFFFFu : 0xFFFFu);
-    std::vector<uint32_t> lengths;
-    Layout layout;
+    std::vector<uint32_t>& lengths = tPack.lengths;
+    lengths.clear();
+    Layout& layout = tPack.layout;
+    Layout& trial = tPack.next;
     const size_t most = std::min<size_t>(frames.size(), std::max<uint16_t>(rules.maxDatagrams, 1));
     for (size_t i = 0; i < most; ++i) {
         lengths.push_back(static_cast<uint32_t>(frames[i].size()));
-        Layout next = MakeLayout(lengths, rules);
-        if (next.total > limit) {
+        MakeLayout(lengths, rules, &trial);
+        if (trial.total > limit) {
             lengths.pop_back();
             break;
         }
-        layout = std::move(next);
+        std::swap(layout, trial);
     }
     if (lengths.empty()) {
         return 0;

@@ -351,6 +351,7 @@ private:
     std::vector<Bytes> mSpareFrames;
     std::deque<Injected> mInjected;
     InTransfer mIn;
+    Bytes mInRoom;  // the buffer of the last IN transfer, for the next NTB
     bool mInWaiting = false;
     uint16_t mInSequence = 0;
 
