@@ -33,11 +33,24 @@ void VerifierFailed(NDIS_HANDLE adapter, ULONG_PTR p2, ULONG_PTR p3, const char*
     CheckFailed(kNdisVerifier, (ULONG_PTR)adapter, p2, p3, 0, text);
 }
 
+// Every indication and completion checks its handle: the calling thread
+// keeps its last good answer, which holds until the set of adapters
+// changes, so that the busy path touches no lock shared by the threads.
 NdisAdapter::Impl* AdapterOf(NDIS_HANDLE handle, const char* what) {
+    thread_local NDIS_HANDLE lastHandle = nullptr;
+    thread_local uint64_t lastChange = 0;
+    // acquire: pairs with the release increments in the adapter's
+    // constructor and destructor.
+    const uint64_t change = G().adaptersChanged.load(std::memory_order_acquire);
+    if (handle != nullptr && handle == lastHandle && change == lastChange) return (NdisAdapter::Impl*)handle;
     {
         std::shared_lock<std::shared_mutex> lock(G().mutex);
         auto* adapter = (NdisAdapter::Impl*)handle;
-        if (G().adapters.count(adapter) != 0) return adapter;
+        if (G().adapters.count(adapter) != 0) {
+            lastHandle = handle;
+            lastChange = change;
+            return adapter;
+        }
     }
     VerifierFailed(handle, 0, 0, "%s: %p is not the handle of an adapter that exists", what, handle);
     return nullptr;

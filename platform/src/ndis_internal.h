@@ -223,6 +223,10 @@ struct Globals {
     std::shared_mutex mutex;
     std::unordered_set<NdisDriver::Impl*> drivers;
     std::unordered_set<NdisAdapter::Impl*> adapters;
+    // Counts every change of `adapters` (written under the exclusive lock;
+    // release, paired with the acquire in AdapterOf): a thread's last
+    // answer of AdapterOf holds while the count has not moved.
+    std::atomic<uint64_t> adaptersChanged{0};
     std::vector<ErrorLogEntry> errorLog;
     unsigned nextOrdinal = 0;
 };

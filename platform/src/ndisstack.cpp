@@ -122,6 +122,7 @@ NdisAdapter::NdisAdapter(NdisDriver& driver, UsbBus& bus, const AdapterOptions& 
     {
         std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().adapters.insert(mImpl);
+        G().adaptersChanged.fetch_add(1, std::memory_order_release);
     }
     NDIS_STATUS openError = NDIS_STATUS_SUCCESS;
     UINT selected = 0;
@@ -149,6 +150,7 @@ NdisAdapter::~NdisAdapter() {
     {
         std::lock_guard<std::shared_mutex> lock(G().mutex);
         G().adapters.erase(mImpl);
+        G().adaptersChanged.fetch_add(1, std::memory_order_release);
     }
     if (a.fdo != nullptr) {
         IoDetachDevice(a.next);
