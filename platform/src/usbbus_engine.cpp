@@ -1,17 +1,18 @@
 // The run loop of the stand-in's USB bus and its bulk and interrupt engine.
-// The loop (and, with inline completion, RunPipe) is the only code that calls
-// the device: each round it handles a removal, gives back the transfers of a
-// slow abort that fell due, tells the device of aborts, runs the pipe
-// operations and the default pipe (usbbus_control.cpp), and then gives every open pipe one turn, in which
-// the head transfer of the pipe moves one run of packets: as many as the
-// device takes in one UsbDevice::OutPackets / InPackets call (one packet for
-// a device that answers packet by packet) and the link rate lets start.
-// The device's handshake decides what follows: Ack moves on, Nak parks the
-// pipe until EndpointReady, Stall halts it. Completed transfers are handed
-// to FlushDone at the end of each round. With inline completion a thread
-// that feeds a pipe steps that pipe itself (RunPipe), and other threads may
-// step other pipes meanwhile; see the run loop's members in usbbus_impl.h.
-// Also here: the default run of a device, which is one packet.
+// The loop (and, with inline completion, RunPipe) is the only code that
+// calls the device: each round it handles a removal, gives back the
+// transfers of a slow abort that fell due, tells the device of aborts, runs
+// the pipe operations and the default pipe (usbbus_control.cpp), and then
+// gives every open pipe one turn, in which the head transfer of the pipe
+// moves one run of packets: as many as the device takes in one
+// UsbDevice::OutPackets / InPackets call (one packet for a device that
+// answers packet by packet) and the link rate lets start. The device's
+// handshake decides what follows: Ack moves on, Nak parks the pipe until
+// EndpointReady, Stall halts it. Completed transfers are handed to FlushDone
+// at the end of each round. With inline completion a thread that feeds a
+// pipe steps that pipe itself (RunPipe), and other threads may step other
+// pipes meanwhile; see the run loop's members in usbbus_impl.h. Also here:
+// the default run of a device, which is one packet.
 #include <algorithm>
 #include <cstring>
 

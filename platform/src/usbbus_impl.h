@@ -165,6 +165,7 @@ struct Pipe {
     UsbBus::Impl* bus = nullptr;
     // A thread is stepping the pipe (at most one at a time); work that comes
     // for it meanwhile sets `again` and that thread goes round once more.
+    // Both under the bus's mLock, as every field of a pipe that changes.
     bool stepping = false;
     bool again = false;
     std::vector<uint8_t> bounce;  // an IN packet for less room than a packet (IN pipes)
