@@ -265,29 +265,10 @@ void NdisAdapter::Impl::Deliver(PNDIS_PACKET* list, UINT count, const Acceptance
     LeaveCall();
 }
 
-// A pooled packet is taken under the lock, filled outside it (the copy of
-// the frame is the longest part of a send, and the completions of other
-// threads wait for this lock), and accepted under the lock again.
+// A frame of the default layout gets a pooled packet, filled outside the
+// adapter's lock (the copy of the frame is the longest part of a send, and
+// the completions of other threads wait for that lock).
 void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLayout& layout) {
-    Impl& a = *mImpl;
-    if (layout.splits.empty() && !layout.unmapped && layout.validCounts && length <= kPooledBytes) {
-        HostPacket* host;
-        {
-            Lock lock(a.mutex);
-            host = a.TakePooledLocked();
-        }
-        FillPooled(host, frame, length);
-        host->freeOnCompletion = true;
-        PNDIS_PACKET packet = &host->packet;
-        const uint64_t now = Now();
-        Impl::Acceptance acceptance;
-        {
-            Lock lock(a.mutex);
-            a.AcceptLocked(&packet, 1, now, &acceptance);
-        }
-        a.Deliver(&packet, 1, acceptance);
-        return;
-    }
     PNDIS_PACKET packet = AllocatePacket(frame, length, layout);
     HostOf(packet)->freeOnCompletion = true;
     Send(&packet, 1);
@@ -295,14 +276,9 @@ void NdisAdapter::SendFrame(const uint8_t* frame, size_t length, const PacketLay
 
 PNDIS_PACKET NdisAdapter::AllocateFramePacket(const uint8_t* frame, size_t length) {
     if (length > kPooledBytes) return nullptr;
-    HostPacket* host;
-    {
-        Lock lock(mImpl->mutex);
-        host = mImpl->TakePooledLocked();
-    }
-    FillPooled(host, frame, length);
-    host->freeOnCompletion = true;
-    return &host->packet;
+    PNDIS_PACKET packet = AllocatePacket(frame, length);
+    HostOf(packet)->freeOnCompletion = true;
+    return packet;
 }
 
 // The stack's side of a completion: the callback, then the packet of a

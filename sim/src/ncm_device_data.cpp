@@ -620,9 +620,8 @@ UsbHandshake NcmDevice::BulkInLocked(Outbox& out, uint8_t* buffer, uint32_t maxL
         if (chunk == packet && mIn.zlp) {
             mIn.zlp = false;  // the ZLP is the next packet
         } else {
-            Bytes room = std::move(mIn.bytes);
+            mInRoom = std::move(mIn.bytes);  // the next NTB is built in it
             mIn = InTransfer();
-            mInRoom = std::move(room);  // the next NTB is built in it
         }
     }
     return UsbHandshake::Ack;

@@ -417,7 +417,7 @@ void MakeLayout(const std::vector<uint32_t>& lengths, const InRules& rules, Layo
 // Working lists of PackNtb, kept per thread (no allocation once grown).
 struct PackScratch {
     std::vector<uint32_t> lengths;
-    Layout layout, next;
+    Layout layout, trial;
 };
 thread_local PackScratch tPack;
 
@@ -436,7 +436,7 @@ size_t PackNtb(const std::deque<Bytes>& frames, const InRules& rules, uint16_t s
     std::vector<uint32_t>& lengths = tPack.lengths;
     lengths.clear();
     Layout& layout = tPack.layout;
-    Layout& trial = tPack.next;
+    Layout& trial = tPack.trial;
     const size_t most = std::min<size_t>(frames.size(), std::max<uint16_t>(rules.maxDatagrams, 1));
     for (size_t i = 0; i < most; ++i) {
         lengths.push_back(static_cast<uint32_t>(frames[i].size()));

@@ -324,7 +324,7 @@ private:
     // The good datagrams of a bus call, for the network after the lock is
     // released. Only OutPacket and OutPackets use it, and the bus makes one
     // call at a time per endpoint. Its frames refer to the bytes of the call
-    // (mRun) or of mOutTransfer, which stay until the call returns.
+    // (mRunStart) or of mOutTransfer, which stay until the call returns.
     FrameBatch mDeliver;
     // The packets of the current call that belong to a transfer not yet
     // ended: kept where the bus has them, and copied to mOutBuffer only when
